@@ -1,0 +1,5 @@
+// Placeholder: this unit's interface is being written.
+#ifndef MOSK_KELVO_TIME_TRACE_H_
+#define MOSK_KELVO_TIME_TRACE_H_
+#include "mosk/kelvo/export.h"
+#endif  // MOSK_KELVO_TIME_TRACE_H_

@@ -1,0 +1,2 @@
+/* Placeholder: the context switch is being written. */
+.section .note.GNU-stack,"",@progbits

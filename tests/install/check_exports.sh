@@ -1,0 +1,16 @@
+#!/bin/sh
+# Fails if the library exports anything beyond its public API: every defined dynamic symbol
+# must belong to the mosk::kelvo namespace or be one of the C-named runtime functions.
+set -eu
+lib="$1"
+unexpected=$(nm -D --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' |
+  c++filt |
+  grep -vE '^(mosk::kelvo::|typeinfo for mosk::kelvo::|typeinfo name for mosk::kelvo::|vtable for mosk::kelvo::|VTT for mosk::kelvo::|(non-)?virtual thunk to mosk::kelvo::|TLS (init|wrapper) function for mosk::kelvo::|guard variable for mosk::kelvo::)' |
+  grep -vE '^(aco_[a-z0-9_]+|acosw|shm_[a-z_]+(\(.*\))?|MD5(Init|Update|Final|Transform)\(.*\)|byteSwap\(.*\)|KELVO_[0-9.]+)$' || true)
+if [ -n "$unexpected" ]; then
+  echo "unexpected exported symbols:"
+  echo "$unexpected"
+  exit 1
+fi
+count=$(nm -D --defined-only "$lib" | wc -l)
+echo "exported symbols: $count, all public API"

@@ -1,0 +1,3 @@
+#include "mosk/kelvo/thread.h"
+
+#include <gtest/gtest.h>
