@@ -1,1 +1,276 @@
-// Placeholder: this unit is being written.
+// Coroutine scheduler on getcontext/makecontext/swapcontext.
+//
+// The public `Routine` record is allocated as the first part of an internal `RoutineRecord`
+// that also carries the sanitizer bookkeeping of sanitized builds, so the public layout is the
+// same in every build and only this file knows about the extra state.
+#include "mosk/kelvo/co.h"
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <utility>
+
+#include "kelvo_assert.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace mosk {
+namespace kelvo {
+namespace coroutine {
+
+thread_local Ordinator ordinator;
+
+namespace {
+
+int __assert_failures = 0;
+
+constexpr const char* kPath = "src/co";
+constexpr useconds_t kPlainThreadYieldSleepUs = 5000;
+
+constexpr int32_t kStatusCreated = 1;
+constexpr int32_t kStatusStarted = 2;
+constexpr int32_t kStatusYielded = 3;
+
+// Switch bookkeeping that AddressSanitizer and ThreadSanitizer need to follow a context
+// switch onto another stack. Empty (and every hook a no-op) in normal builds.
+struct FiberState {
+#if defined(__SANITIZE_ADDRESS__)
+  void* fake_stack = nullptr;
+#endif
+#if defined(__SANITIZE_THREAD__)
+  void* tsan_fiber = nullptr;
+#endif
+};
+
+struct RoutineRecord : Routine {
+  FiberState fiber;
+};
+
+// The scheduler side of the switches of this thread. Trivially destructible on purpose: it
+// must stay usable while the thread-local Ordinator is being destroyed.
+struct SchedulerFiber {
+#if defined(__SANITIZE_ADDRESS__)
+  void* fake_stack = nullptr;
+  const void* stack_bottom = nullptr;
+  size_t stack_size = 0;
+#endif
+#if defined(__SANITIZE_THREAD__)
+  void* tsan_fiber = nullptr;
+#endif
+};
+thread_local SchedulerFiber scheduler_fiber;
+
+RoutineRecord* recordOf(Routine* routine) { return static_cast<RoutineRecord*>(routine); }
+
+void prepareFiber([[maybe_unused]] RoutineRecord* record) {
+#if defined(__SANITIZE_THREAD__)
+  record->fiber.tsan_fiber = __tsan_create_fiber(0);
+#endif
+}
+
+void destroyFiber([[maybe_unused]] RoutineRecord* record) {
+#if defined(__SANITIZE_THREAD__)
+  if (record->fiber.tsan_fiber != nullptr) __tsan_destroy_fiber(record->fiber.tsan_fiber);
+#endif
+}
+
+// Called by the scheduler right before it switches into `record`.
+void leaveScheduler([[maybe_unused]] RoutineRecord* record) {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_start_switch_fiber(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
+#endif
+#if defined(__SANITIZE_THREAD__)
+  scheduler_fiber.tsan_fiber = __tsan_get_current_fiber();
+  __tsan_switch_to_fiber(record->fiber.tsan_fiber, 0);
+#endif
+}
+
+// Called by the scheduler once control is back from a coroutine.
+void enterScheduler() {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_finish_switch_fiber(scheduler_fiber.fake_stack, nullptr, nullptr);
+#endif
+}
+
+// Called by a coroutine right before it switches back to the scheduler. A coroutine that will
+// never run again releases its sanitizer state here.
+void leaveRoutine([[maybe_unused]] RoutineRecord* record, [[maybe_unused]] bool final_switch) {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_start_switch_fiber(final_switch ? nullptr : &record->fiber.fake_stack,
+                                 scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
+#endif
+#if defined(__SANITIZE_THREAD__)
+  __tsan_switch_to_fiber(scheduler_fiber.tsan_fiber, 0);
+#endif
+}
+
+// Called by a coroutine when it starts or continues after a switch from the scheduler.
+void enterRoutine([[maybe_unused]] RoutineRecord* record) {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_finish_switch_fiber(record == nullptr ? nullptr : record->fiber.fake_stack,
+                                  &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
+#endif
+}
+
+void freeRoutine(Routine* routine) {
+  RoutineRecord* record = recordOf(routine);
+  delete[] record->stack;
+  destroyFiber(record);
+  delete record;
+}
+
+Routine* newRoutine(std::function<void()> f, uint64_t stack_size) {
+  RoutineRecord* record = new RoutineRecord();
+  record->func = std::move(f);
+  record->stack = nullptr;
+  record->stack_size = stack_size;
+  record->finished = false;
+  record->status = kStatusCreated;
+  return record;
+}
+
+void switchToRoutine(Routine* routine) {
+  leaveScheduler(recordOf(routine));
+  swapcontext(&ordinator.ctx, &routine->ctx);
+  enterScheduler();
+}
+
+void startRoutine(Routine* routine, uint32_t id) {
+  getcontext(&routine->ctx);
+  routine->stack = new char[routine->stack_size];
+  routine->ctx.uc_stack.ss_sp = routine->stack;
+  routine->ctx.uc_stack.ss_size = routine->stack_size;
+  routine->ctx.uc_link = &ordinator.ctx;
+  routine->status = kStatusStarted;
+  ordinator.current = id;
+  prepareFiber(recordOf(routine));
+  makecontext(&routine->ctx, &entry, 0);
+  switchToRoutine(routine);
+}
+
+}  // namespace
+
+Ordinator::~Ordinator() {
+  for (Routine* routine : routines) {
+    if (routine != nullptr) freeRoutine(routine);
+  }
+  routines.clear();
+  indexes.clear();
+}
+
+unsigned int create(std::function<void()> f, uint64_t stack_size) {
+  Ordinator* ord = &ordinator;
+  Routine* fresh = newRoutine(std::move(f), stack_size);
+  if (ord->indexes.empty()) {
+    ord->routines.push_back(fresh);
+    return static_cast<unsigned int>(ord->routines.size());
+  }
+  const uint32_t id = ord->indexes.front();
+  Routine* routine = ord->routines[id - 1];
+  KELVO_ASSERT_AT(routine != nullptr, "routine != nullptr", kPath, 77);
+  freeRoutine(routine);
+  ord->routines[id - 1] = nullptr;
+  ord->indexes.pop_front();
+  KELVO_ASSERT_AT(ord->routines[id - 1] == nullptr, "ord->routines[id - 1] == nullptr", kPath, 68);
+  ord->routines[id - 1] = fresh;
+  return id;
+}
+
+int resume(unsigned int id) {
+  KELVO_ASSERT_AT(ordinator.current == 0, "ordinator.current == 0", kPath, 85);
+  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 86);
+  Routine* routine = ordinator.routines[id - 1];
+  if (routine == nullptr) return -1;
+  if (routine->finished) return -2;
+  if (routine->stack != nullptr) {
+    // A coroutine that has run before continues where it yielded; its status stays 3.
+    ordinator.current = id;
+    switchToRoutine(routine);
+  } else {
+    startRoutine(routine, id);
+  }
+  return 0;
+}
+
+int yield() {
+  if (!ordinator.use) {
+    usleep(kPlainThreadYieldSleepUs);
+    return 0;
+  }
+  if (ordinator.current == 0) return -1;
+  Routine* routine = ordinator.routines[ordinator.current - 1];
+  if (routine == nullptr) return -2;
+
+  char stack_bottom = 0;
+  char* stack_top = routine->stack + routine->stack_size;
+  KELVO_ASSERT_AT(size_t(stack_top - &stack_bottom) <= routine->stack_size,
+                  "size_t(stack_top - &stack_bottom) <= routine->stack_size", kPath, 176);
+
+  routine->status = kStatusYielded;
+  ordinator.current = 0;
+  RoutineRecord* record = recordOf(routine);
+  leaveRoutine(record, routine->finished);
+  swapcontext(&routine->ctx, &ordinator.ctx);
+  enterRoutine(record);
+  return 0;
+}
+
+unsigned int current() { return ordinator.current; }
+
+bool finished(unsigned int id) {
+  if (id == 0) return false;
+  Routine* routine = ordinator.routines[id - 1];
+  return routine != nullptr && routine->finished;
+}
+
+void recycle(unsigned int id) { ordinator.indexes.push_back(id); }
+
+int routine_status(unsigned int id) {
+  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 201);
+  KELVO_ASSERT_AT(ordinator.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+                  kPath, 202);
+  return ordinator.routines[id - 1]->status;
+}
+
+bool routine_finish(unsigned int id) {
+  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 208);
+  KELVO_ASSERT_AT(ordinator.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+                  kPath, 209);
+  return ordinator.routines[id - 1]->finished;
+}
+
+size_t routines_size() { return ordinator.routines.size(); }
+
+size_t indexes_size() { return ordinator.indexes.size(); }
+
+Ordinator& use_coroutine() {
+  ordinator.use = true;
+  return ordinator;
+}
+
+bool check_co() { return ordinator.use; }
+
+void entry() {
+  enterRoutine(nullptr);
+  Routine* routine = ordinator.routines[ordinator.current - 1];
+  if (routine->func) routine->func();
+  routine->finished = true;
+  yield();
+  // Only reached outside coroutine mode, where yield() does not switch. Returning continues in
+  // the scheduler through the context's successor link, so leave the scheduler's state as a
+  // switch back would have left it.
+  ordinator.current = 0;
+  leaveRoutine(recordOf(routine), true);
+}
+
+}  // namespace coroutine
+}  // namespace kelvo
+}  // namespace mosk
