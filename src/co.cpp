@@ -63,7 +63,7 @@ struct SchedulerFiber {
   void* tsan_fiber = nullptr;
 #endif
 };
-thread_local SchedulerFiber scheduler_fiber;
+[[maybe_unused]] thread_local SchedulerFiber scheduler_fiber;
 
 RoutineRecord* recordOf(Routine* routine) { return static_cast<RoutineRecord*>(routine); }
 
