@@ -1,5 +1,161 @@
-// Placeholder: this unit's interface is being written.
+// TimeTrace: a low-cost recorder of timestamped events for real-time code, printed later as a
+// merged, time-ordered trace.
+//
+// Every thread that traces owns a ring of 8192 events (TimeTrace::Buffer). Recording stores a
+// counter value, a pointer to a constant printf format and four 32-bit arguments: no
+// allocation, no formatting, no lock, no system call. Formatting is deferred to print time, so
+// the format must stay valid until then (use string literals). When a ring is full the oldest
+// event is overwritten. A process-wide registry lists every ring ever created, so that a
+// printer can merge them; rings are never removed from it, so TimeTrace::getTrace(), print()
+// and reset() must not be called after any thread has deleted its ring.
+//
+// Output: a header "CYCLES_PER_SECOND %f\nSTART_CYCLES %lu\n", then one line per event,
+// "%8.1f us (+%6.1f us): <text>" with the event's time since the start and since the previous
+// event. In the file form (print()) each line ends with a newline; in the string form
+// (getTrace()) lines are separated by a newline and the text does not end with one, which
+// leaves an empty line after the header. Without events the output is exactly
+// "No time trace events to print". At most 8191 events per ring are printed (the slot about to
+// be written is never read). The header is cut to 199 characters, the time prefix and the event
+// text to 999 characters each.
+//
+// Start time: by default (keepOldEvents false) the trace starts at the latest first event among
+// the rings, so that every ring has complete history from there on; older events are skipped.
+// With keepOldEvents true it starts at the earliest first event and nothing is skipped. Events
+// with equal timestamps print in registry (or vector) order.
+//
+// Output file: print() appends to the file named by setOutputFileName(), or writes to standard
+// output when the name is empty. If the file cannot be opened, one line
+// "TimeTrace: cannot open <file>: <reason>" goes to standard error and nothing else is output.
+//
+// Threading rules:
+// - Buffer::record() is lock-free and must be called only by the ring's owning thread (the
+//   thread whose threadBuffer it is). TimeTrace::record() does this for the calling thread.
+// - Printing may run on any thread, concurrently with recording. A printer raises every ring's
+//   readerCount while it reads; records that see it raised drop their event (on purpose: events
+//   arriving during a print are lost). The ring's fields are atomics accessed with relaxed
+//   ordering, which compile to the same plain stores as ordinary fields on x86-64, so there is
+//   no data race. A record writes its slot first and then publishes it by advancing writeIndex
+//   with release ordering; a printer raises readerCount, then reads writeIndex once with acquire
+//   ordering and never reads the slot at that index. So a record that passed the readerCount
+//   check just before a printer raised it writes into the slot the printer skips, and every
+//   event published before the print is seen whole. (A store buffer may let the owner's next
+//   record also slip past the check and land in the following slot; that one event may then
+//   show up in the print or be lost, never undefined behaviour.) The check of readerCount uses
+//   acquire ordering, so that slots a printer has read are only overwritten after it is done.
+// - `mutex` guards `threadBuffers` and `filename` only; it is never held during the merge, and
+//   never taken by recording. Do not call printInternal() while holding it.
+// - keepOldEvents is a plain flag: set it before printing, not during a print.
+// - reset() may run concurrently with recording without undefined behaviour, but events recorded
+//   during a reset may survive it partially; reset a ring when its thread is quiet.
 #ifndef MOSK_KELVO_TIME_TRACE_H_
 #define MOSK_KELVO_TIME_TRACE_H_
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/export.h"
+
+namespace mosk {
+namespace kelvo {
+
+class KELVO_EXPORT TimeTrace {
+ public:
+  TimeTrace() = delete;
+
+  // One thread's ring of events. Large (256 KiB): always allocate it on the heap.
+  class KELVO_EXPORT Buffer {
+   public:
+    static constexpr int32_t kSize = 8192;  // a power of two
+    static constexpr int32_t kMask = kSize - 1;
+
+    // One ring slot. A null format means the slot is unused since the last reset.
+    struct Event {
+      std::atomic<uint64_t> timestamp{0};
+      std::atomic<const char*> format{nullptr};
+      std::atomic<uint32_t> arg0{0};
+      std::atomic<uint32_t> arg1{0};
+      std::atomic<uint32_t> arg2{0};
+      std::atomic<uint32_t> arg3{0};
+    };
+
+    Buffer();
+    ~Buffer();
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    // Appends one event; dropped while a printer reads this ring. Owning thread only. A few
+    // plain stores: usable inside a real-time cycle.
+    void record(uint64_t timestamp, const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0,
+                uint32_t arg2 = 0, uint32_t arg3 = 0) {
+      if (readerCount.load(std::memory_order_acquire) > 0) return;
+      const int32_t index = writeIndex.load(std::memory_order_relaxed) & kMask;
+      Event& event = events[index];
+      event.timestamp.store(timestamp, std::memory_order_relaxed);
+      event.format.store(format, std::memory_order_relaxed);
+      event.arg0.store(arg0, std::memory_order_relaxed);
+      event.arg1.store(arg1, std::memory_order_relaxed);
+      event.arg2.store(arg2, std::memory_order_relaxed);
+      event.arg3.store(arg3, std::memory_order_relaxed);
+      writeIndex.store((index + 1) & kMask, std::memory_order_release);
+    }
+
+    // Forgets every event of this ring.
+    void reset();
+    // The text of this ring alone (string form).
+    std::string getTrace();
+    // Prints this ring alone to the output file, or standard output (file form).
+    void print();
+
+    // Slot that the next event is written to.
+    std::atomic<int32_t> writeIndex{0};
+    // Number of printers reading this ring; recording is suppressed while above 0.
+    std::atomic<int32_t> readerCount{0};
+    // Cache-line aligned so that no event straddles two lines.
+    alignas(64) Event events[kSize];
+  };
+
+  // Records an event into the calling thread's ring, stamped with Cycles::rdtsc(). Does nothing
+  // if the calling thread has no ring (see createThreadBuffer()). Inline, no allocation.
+  static void record(const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0, uint32_t arg2 = 0,
+                     uint32_t arg3 = 0) {
+    Buffer* buffer = threadBuffer;
+    if (buffer != nullptr) buffer->record(Cycles::rdtsc(), format, arg0, arg1, arg2, arg3);
+  }
+
+  // Gives the calling thread a ring if it has none, and registers it.
+  static void createThreadBuffer();
+  // Frees the calling thread's ring. Its pointer stays in the registry (see above).
+  static void deleteThreadBuffer();
+  // Forgets the events of every registered ring.
+  static void reset();
+  // The merged text of every registered ring (string form).
+  static std::string getTrace();
+  // Prints the merged trace of every registered ring (file form).
+  static void print();
+  // Sets the file that print() appends to; null or empty means standard output.
+  static void setOutputFileName(const char* name);
+
+  // Merges and formats `buffers`: appends to *s when s is not null, otherwise prints to the
+  // output file (or standard output).
+  static void printInternal(std::vector<Buffer*>* buffers, std::string* s);
+
+  // The calling thread's ring, or null.
+  static thread_local Buffer* threadBuffer;
+  // Every ring ever created, in creation order. Guarded by `mutex`.
+  static std::vector<Buffer*> threadBuffers;
+  // Guards threadBuffers and filename.
+  static std::mutex mutex;
+  // File that print() appends to; empty means standard output. Guarded by `mutex`.
+  static std::string filename;
+  // Start-time rule of printing (see above). Default false.
+  static bool keepOldEvents;
+};
+
+}  // namespace kelvo
+}  // namespace mosk
+
 #endif  // MOSK_KELVO_TIME_TRACE_H_
