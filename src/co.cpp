@@ -134,23 +134,23 @@ Routine* newRoutine(std::function<void()> f, uint64_t stack_size) {
   return record;
 }
 
-void switchToRoutine(Routine* routine) {
+void switchToRoutine(Ordinator& ord, Routine* routine) {
   leaveScheduler(recordOf(routine));
-  swapcontext(&ordinator.ctx, &routine->ctx);
+  swapcontext(&ord.ctx, &routine->ctx);
   enterScheduler();
 }
 
-void startRoutine(Routine* routine, uint32_t id) {
+void startRoutine(Ordinator& ord, Routine* routine, uint32_t id) {
   getcontext(&routine->ctx);
   routine->stack = new char[routine->stack_size];
   routine->ctx.uc_stack.ss_sp = routine->stack;
   routine->ctx.uc_stack.ss_size = routine->stack_size;
-  routine->ctx.uc_link = &ordinator.ctx;
+  routine->ctx.uc_link = &ord.ctx;
   routine->status = kStatusStarted;
-  ordinator.current = id;
+  ord.current = id;
   prepareFiber(recordOf(routine));
   makecontext(&routine->ctx, &entry, 0);
-  switchToRoutine(routine);
+  switchToRoutine(ord, routine);
 }
 
 }  // namespace
@@ -182,29 +182,33 @@ unsigned int create(std::function<void()> f, uint64_t stack_size) {
 }
 
 int resume(unsigned int id) {
-  KELVO_ASSERT_AT(ordinator.current == 0, "ordinator.current == 0", kPath, 85);
-  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+  // One thread-local lookup per call: every access to `ordinator` from this shared library
+  // goes through the TLS resolver.
+  Ordinator& ord = ordinator;
+  KELVO_ASSERT_AT(ord.current == 0, "ordinator.current == 0", kPath, 85);
+  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
                   "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 86);
-  Routine* routine = ordinator.routines[id - 1];
+  Routine* routine = ord.routines[id - 1];
   if (routine == nullptr) return -1;
   if (routine->finished) return -2;
   if (routine->stack != nullptr) {
     // A coroutine that has run before continues where it yielded; its status stays 3.
-    ordinator.current = id;
-    switchToRoutine(routine);
+    ord.current = id;
+    switchToRoutine(ord, routine);
   } else {
-    startRoutine(routine, id);
+    startRoutine(ord, routine, id);
   }
   return 0;
 }
 
 int yield() {
-  if (!ordinator.use) {
+  Ordinator& ord = ordinator;
+  if (!ord.use) {
     usleep(kPlainThreadYieldSleepUs);
     return 0;
   }
-  if (ordinator.current == 0) return -1;
-  Routine* routine = ordinator.routines[ordinator.current - 1];
+  if (ord.current == 0) return -1;
+  Routine* routine = ord.routines[ord.current - 1];
   if (routine == nullptr) return -2;
 
   char stack_bottom = 0;
@@ -213,10 +217,10 @@ int yield() {
                   "size_t(stack_top - &stack_bottom) <= routine->stack_size", kPath, 176);
 
   routine->status = kStatusYielded;
-  ordinator.current = 0;
+  ord.current = 0;
   RoutineRecord* record = recordOf(routine);
   leaveRoutine(record, routine->finished);
-  swapcontext(&routine->ctx, &ordinator.ctx);
+  swapcontext(&routine->ctx, &ord.ctx);
   enterRoutine(record);
   return 0;
 }
@@ -225,26 +229,28 @@ unsigned int current() { return ordinator.current; }
 
 bool finished(unsigned int id) {
   if (id == 0) return false;
-  Routine* routine = ordinator.routines[id - 1];
+  Routine* routine = ordinator.routines[id - 1];  // no range check, by contract
   return routine != nullptr && routine->finished;
 }
 
 void recycle(unsigned int id) { ordinator.indexes.push_back(id); }
 
 int routine_status(unsigned int id) {
-  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+  const Ordinator& ord = ordinator;
+  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
                   "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 201);
-  KELVO_ASSERT_AT(ordinator.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
-                  kPath, 202);
-  return ordinator.routines[id - 1]->status;
+  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
+                  202);
+  return ord.routines[id - 1]->status;
 }
 
 bool routine_finish(unsigned int id) {
-  KELVO_ASSERT_AT(((id - 1) < ordinator.routines.size()) && (id >= 1),
+  const Ordinator& ord = ordinator;
+  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
                   "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 208);
-  KELVO_ASSERT_AT(ordinator.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
-                  kPath, 209);
-  return ordinator.routines[id - 1]->finished;
+  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
+                  209);
+  return ord.routines[id - 1]->finished;
 }
 
 size_t routines_size() { return ordinator.routines.size(); }
@@ -260,14 +266,15 @@ bool check_co() { return ordinator.use; }
 
 void entry() {
   enterRoutine(nullptr);
-  Routine* routine = ordinator.routines[ordinator.current - 1];
+  Ordinator& ord = ordinator;
+  Routine* routine = ord.routines[ord.current - 1];
   if (routine->func) routine->func();
   routine->finished = true;
   yield();
   // Only reached outside coroutine mode, where yield() does not switch. Returning continues in
   // the scheduler through the context's successor link, so leave the scheduler's state as a
   // switch back would have left it.
-  ordinator.current = 0;
+  ord.current = 0;
   leaveRoutine(recordOf(routine), true);
 }
 
