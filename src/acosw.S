@@ -20,8 +20,13 @@
  * return slot. */
         .globl  acosw
         .type   acosw, @function
+        /* The library's own calls use this hidden alias: a direct call, no PLT indirection. */
+        .globl  kelvo_acosw_local
+        .hidden kelvo_acosw_local
+        .type   kelvo_acosw_local, @function
         .p2align 4
 acosw:
+kelvo_acosw_local:
         .cfi_startproc
         movq    (%rsp), %rcx            /* return address of this call */
         leaq    8(%rsp), %rdx           /* caller's stack pointer once we have returned */
@@ -51,6 +56,7 @@ acosw:
         jmpq    *%rcx
         .cfi_endproc
         .size   acosw, .-acosw
+        .size   kelvo_acosw_local, .-kelvo_acosw_local
 
 /* void aco_save_fpucw_mxcsr(void* p): x87 control word at byte 0, MXCSR at byte 4. */
         .globl  aco_save_fpucw_mxcsr
