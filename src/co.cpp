@@ -211,9 +211,17 @@ int yield() {
   Routine* routine = ord.routines[ord.current - 1];
   if (routine == nullptr) return -2;
 
-  char stack_bottom = 0;
-  char* stack_top = routine->stack + routine->stack_size;
-  KELVO_ASSERT_AT(size_t(stack_top - &stack_bottom) <= routine->stack_size,
+#if defined(__SANITIZE_ADDRESS__)
+  // How deep the coroutine is in its stack, measured at this frame. With use-after-return
+  // detection a local may live on AddressSanitizer's separate fake stack, so use the real frame.
+  const char* stack_bottom = static_cast<const char*>(__builtin_frame_address(0));
+#else
+  // How deep the coroutine is in its stack, measured at this frame.
+  char stack_bottom_marker = 0;
+  const char* stack_bottom = &stack_bottom_marker;
+#endif
+  const char* stack_top = routine->stack + routine->stack_size;
+  KELVO_ASSERT_AT(size_t(stack_top - stack_bottom) <= routine->stack_size,
                   "size_t(stack_top - &stack_bottom) <= routine->stack_size", kPath, 176);
 
   routine->status = kStatusYielded;

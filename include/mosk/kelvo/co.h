@@ -21,6 +21,9 @@
 // already have been overwritten. Use generous sizes (64 KiB or more for code that calls into
 // the C library).
 //
+// Exceptions: a coroutine body must not let an exception escape; there is no caller frame to
+// unwind into, so the process ends in std::terminate.
+//
 // Outside coroutine mode (use_coroutine() not called on this thread) yield() does not switch:
 // it sleeps 5 ms and returns 0, so that code written for coroutines still progresses on a plain
 // thread. A coroutine resumed on such a thread therefore runs to its end within one resume().
@@ -93,6 +96,9 @@ KELVO_EXPORT unsigned int create(std::function<void()> f, uint64_t stack_size);
 KELVO_EXPORT int resume(unsigned int id);
 
 // Returns from the running coroutine to the scheduler (status 3); returns 0 once resumed.
+// Exceptions: a coroutine body must not let an exception escape; there is no caller frame to
+// unwind into, so the process ends in std::terminate.
+//
 // Outside coroutine mode: sleeps 5 ms and returns 0. In coroutine mode: -1 when no coroutine is
 // running (called from the thread's own context), -2 when the running coroutine's slot is empty.
 // Aborts if the running coroutine has overrun its stack.
