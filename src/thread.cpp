@@ -1,4 +1,5 @@
-// Real-time threads: platform utilities.
+// Real-time periodic threads: the task model, the periodic thread and its cycle loop,
+// cooperative tasks, the task registry, diagnostics and platform utilities.
 #include "mosk/kelvo/thread.h"
 
 #include <fcntl.h>
@@ -7,11 +8,20 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "kelvo_assert.h"
+#include "mosk/kelvo/cycles.h"
+#include "mosk/kelvo/time_trace.h"
 
 namespace mosk {
 namespace kelvo {
@@ -108,6 +118,759 @@ int PeriodicThread::setLatencyTarget() {
 int PeriodicThread::closeLatencyTarget(int fd) { return close(fd); }
 
 void PeriodicThread::rt_system_init() {}
+
+}  // namespace kelvo
+}  // namespace mosk
+
+// ---------------------------------------------------------------------------------------------
+// Task model
+// ---------------------------------------------------------------------------------------------
+
+namespace mosk {
+namespace kelvo {
+
+namespace {
+
+int __assert_failures = 0;
+
+// True on a periodic thread's loop thread.
+thread_local bool is_aco = false;
+// Set by yield1(), consumed by the loop after each resumption.
+thread_local bool eager_run = false;
+
+std::atomic<uint64_t> nextWrapperSerial{1};
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+
+// Single-writer counters: the loop thread is the only writer, so a load and a store do the job
+// of a locked read-modify-write.
+void add(std::atomic<uint64_t>& counter, uint64_t amount) {
+  counter.store(counter.load(kRelaxed) + amount, kRelaxed);
+}
+
+}  // namespace
+
+RealTimeTaskApi::~RealTimeTaskApi() = default;
+RealTimeTask::~RealTimeTask() = default;
+
+RealTimeTaskInternal::RealTimeTaskInternal(const std::string& name, std::function<void()> body,
+                                           int priority, unsigned long expectedMaxRuntime)
+    : name(name),
+      body(std::move(body)),
+      priority(priority),
+      expectedMaxRuntime(expectedMaxRuntime) {}
+
+RealTimeTaskInternal::~RealTimeTaskInternal() = default;
+
+void RealTimeTaskInternal::init(std::shared_ptr<RealTimeTaskApi>) {}
+std::string RealTimeTaskInternal::getName() const { return name; }
+int RealTimeTaskInternal::getPriority() const { return priority; }
+unsigned long RealTimeTaskInternal::getExpectedMaxRuntime() { return expectedMaxRuntime; }
+
+void RealTimeTaskInternal::execute() {
+  if (body) body();
+}
+
+RealTimeTaskWrapper::RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco_coroutine* mainCo,
+                                         bool runOnce)
+    : task(std::move(task)),
+      runOnce(runOnce),
+      mainCo(mainCo),
+      serial(nextWrapperSerial.fetch_add(1, kRelaxed)) {}
+
+RealTimeTaskWrapper::~RealTimeTaskWrapper() {
+  if (!useCoroutine || shareStack == nullptr) return;
+  // A share stack is only ever created together with its coroutine; one without the other
+  // means the record is corrupt, and destroying a null coroutine aborts.
+  aco_destroy(co);
+  aco_share_stack_destroy(shareStack);
+}
+
+unsigned long RealTimeTaskWrapper::getMaxRuntime() const { return maxRuntimeUs.load(kRelaxed); }
+
+std::string RealTimeTaskWrapper::getErrorString() const { return errorString; }
+
+// ---------------------------------------------------------------------------------------------
+// Cooperative tasks
+// ---------------------------------------------------------------------------------------------
+
+void RealTimeTaskWrapper::execute_aco() {
+  aco_coroutine* this_co = aco_get_co();
+  KELVO_ASSERT_AT(!aco_is_main_co(this_co), "!aco_is_main_co(this_co)", "src/thread", 302);
+  KELVO_ASSERT_AT(this_co->is_end == 0, "this_co->is_end == 0", "src/thread", 303);
+  auto* wrapper = static_cast<RealTimeTaskWrapper*>(aco_get_arg());
+  if (wrapper->runOnce) {
+    wrapper->task->execute();
+    wrapper->deleteFlag.store(true, kRelaxed);
+    aco_exit();
+  }
+  for (;;) {
+    wrapper->task->execute();
+    aco_yield();
+  }
+}
+
+void PeriodicThread::yield() {
+  if (!is_aco) {
+    sched_yield();
+    return;
+  }
+  aco_yield();
+}
+
+void PeriodicThread::yield1() {
+  eager_run = true;
+  yield();
+}
+
+bool PeriodicThread::check_co() { return is_aco; }
+
+// ---------------------------------------------------------------------------------------------
+// The thread's private record
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+using WrapperPtr = std::shared_ptr<RealTimeTaskWrapper>;
+
+// An immutable copy of the registry, handed to the loop thread.
+struct TaskSnapshot {
+  std::vector<WrapperPtr> tasks;
+  TaskSnapshot* nextRetired = nullptr;
+};
+
+constexpr size_t kErrorTextSize = 1024;
+
+// The loop's latest error message, readable once from any thread. A sequence lock: the loop
+// (the only writer) never waits; a reader retries while a write is in progress.
+class ErrorMailbox {
+ public:
+  // Loop thread only.
+  void publish(const char* text) {
+    const uint64_t sequence = sequence_.load(kRelaxed);
+    sequence_.store(sequence + 1, kRelaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    const size_t length = strnlen(text, kErrorTextSize - 1);
+    uint64_t word[kWords] = {};
+    std::memcpy(word, text, length);
+    for (size_t i = 0; i <= length / 8; ++i) words_[i].store(word[i], kRelaxed);
+    sequence_.store(sequence + 2, std::memory_order_release);
+  }
+
+  // The message published last, or "" if it was read already (or none was published).
+  std::string take() {
+    for (;;) {
+      const uint64_t sequence = sequence_.load(std::memory_order_acquire);
+      uint64_t seen = consumed_.load(std::memory_order_acquire);
+      if (sequence == seen) return {};
+      if (sequence & 1) {
+        sched_yield();
+        continue;
+      }
+      uint64_t word[kWords];
+      for (size_t i = 0; i < kWords; ++i) word[i] = words_[i].load(kRelaxed);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (sequence_.load(kRelaxed) != sequence) continue;
+      if (!consumed_.compare_exchange_strong(seen, sequence)) continue;
+      const char* text = reinterpret_cast<const char*>(word);
+      return std::string(text, strnlen(text, kErrorTextSize - 1));
+    }
+  }
+
+ private:
+  static constexpr size_t kWords = kErrorTextSize / 8;
+  std::atomic<uint64_t> sequence_{0};  // odd while a write is in progress
+  std::atomic<uint64_t> consumed_{0};  // the sequence whose message was read
+  std::atomic<uint64_t> words_[kWords] = {};
+};
+
+timespec periodToTimespec(uint32_t periodUs) {
+  timespec period;
+  period.tv_sec = periodUs / 1000000;
+  period.tv_nsec = static_cast<long>((periodUs % 1000000) * 1000);
+  return period;
+}
+
+void advance(timespec& deadline, const timespec& period) {
+  deadline.tv_sec += period.tv_sec;
+  deadline.tv_nsec += period.tv_nsec;
+  while (deadline.tv_nsec > 999999999) {
+    deadline.tv_nsec -= 1000000000;
+    deadline.tv_sec += 1;
+  }
+}
+
+bool isLater(const timespec& a, const timespec& b) {
+  return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
+}
+
+}  // namespace
+
+struct PeriodicThread::PrivateData {
+  PrivateData(unsigned int period, const char* threadName, ScheduleMethod method, int cpu,
+              int priority)
+      : cpu(cpu),
+        priority(priority),
+        name(threadName ? threadName : ""),
+        scheduleMethod(method),
+        periodUs(period) {
+    clock_gettime(clockId, &nextWakeup);
+  }
+
+  ~PrivateData() {
+    collectRetiredLocked();
+    delete pendingSnapshot.exchange(nullptr);
+    delete loopSnapshot;
+    tasks.clear();
+    if (aco_coroutine* main = mainCo.load()) aco_destroy(main);
+  }
+
+  // Entry of the thread; `arg` is a heap-allocated std::shared_ptr<PrivateData>.
+  static void* loop(void* arg);
+
+  // --- loop side -----------------------------------------------------------------------------
+  void run();
+  bool runPasses();
+  void runTask(RealTimeTaskWrapper& wrapper, int index, bool& allDone);
+  void reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs);
+  void sleepToNextDeadline();
+  void recordWakeUp();
+  void pickUpSnapshot();
+  void purgeFlaggedTasks();
+  void makeEveryTaskReady();
+  void trace(const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0);
+
+  // --- caller side (registryMutex held) ------------------------------------------------------
+  void maintainLocked();
+  void collectRetiredLocked();
+  void publishLocked();
+  bool insertLocked(const WrapperPtr& wrapper);
+
+  const int cpu;
+  const int priority;
+  const std::string name;
+  const ScheduleMethod scheduleMethod;
+  std::atomic<int> tid{0};
+  std::atomic<uint64_t> executingSerial{0};
+  const clockid_t clockId = CLOCK_MONOTONIC;
+  timespec nextWakeup{};  // loop thread (set before it starts)
+  std::atomic<uint32_t> periodUs;
+  std::atomic<double> load{0};
+  std::atomic<bool> traceEnabled{false};
+  std::atomic<bool> started{false};
+  std::atomic<bool> paused{true};
+  std::atomic<bool> running{true};
+  uint64_t lastWakeTsc = 0;  // loop thread
+  std::atomic<uint64_t> wakeCount{0};
+  std::atomic<uint64_t> minInterval{UINT64_MAX};
+  std::atomic<uint64_t> maxInterval{0};
+  std::atomic<uint64_t> sumInterval{0};
+  std::atomic<uint64_t> missed{0};
+  std::atomic<uint64_t> frameLimitUs{0};
+  std::atomic<uint64_t> threadWarningTimes{0};
+  std::atomic<uint64_t> taskWarningTimes{0};
+  pthread_t thread{};
+  bool threadCreated = false;
+  std::atomic<bool> threadReleased{false};  // joined or detached
+
+  mutable std::mutex registryMutex;
+  std::vector<WrapperPtr> tasks;                         // registryMutex
+  std::atomic<TaskSnapshot*> pendingSnapshot{nullptr};   // caller -> loop
+  std::atomic<TaskSnapshot*> retiredSnapshots{nullptr};  // loop -> caller
+  TaskSnapshot* loopSnapshot = nullptr;                  // loop thread
+  std::atomic<aco_coroutine*> mainCo{nullptr};
+  ErrorMailbox errors;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Cycle loop (runs on the periodic thread)
+// ---------------------------------------------------------------------------------------------
+
+void* PeriodicThread::PrivateData::loop(void* arg) {
+  auto* handle = static_cast<std::shared_ptr<PrivateData>*>(arg);
+  const std::shared_ptr<PrivateData> self = std::move(*handle);
+  delete handle;
+  self->run();
+  return nullptr;
+}
+
+void PeriodicThread::PrivateData::run() {
+  aco_thread_init(nullptr);
+  is_aco = true;
+  tid.store(static_cast<int>(gettid()), kRelaxed);
+  mainCo.store(aco_create(nullptr, nullptr, 0, nullptr, nullptr), std::memory_order_release);
+  TimeTrace::createThreadBuffer();
+  while (running.load(kRelaxed)) {
+    if (!paused.load(kRelaxed) && !runPasses()) break;
+    sleepToNextDeadline();
+    recordWakeUp();
+    pickUpSnapshot();
+    makeEveryTaskReady();
+  }
+  // The main coroutine stays alive: wrappers still refer to it. It is freed with this record.
+  TimeTrace::deleteThreadBuffer();
+}
+
+// Runs one period's passes. Returns false if the thread was stopped during an eager pass.
+bool PeriodicThread::PrivateData::runPasses() {
+  for (;;) {
+    pickUpSnapshot();
+    purgeFlaggedTasks();
+    const uint64_t passStart = Cycles::rdtsc();
+    bool allDone = true;
+    if (loopSnapshot != nullptr) {
+      if (traceEnabled.load(kRelaxed)) {
+        const auto live =
+            std::count_if(loopSnapshot->tasks.begin(), loopSnapshot->tasks.end(),
+                          [](const WrapperPtr& w) { return !w->purged.load(kRelaxed); });
+        trace("Task FRAME ++++++++++ started, %d tasks", static_cast<uint32_t>(live));
+      }
+      int index = 0;
+      for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
+        if (wrapper->purged.load(kRelaxed)) continue;
+        const int position = index++;
+        if (wrapper->runState.load(kRelaxed) != RealTimeTaskWrapper::kReady) continue;
+        runTask(*wrapper, position, allDone);
+      }
+    } else {
+      trace("Task FRAME ++++++++++ started, %d tasks", 0);
+    }
+    const uint64_t frameUs = Cycles::toMicroseconds(Cycles::rdtsc() - passStart);
+    const uint64_t limitUs = frameLimitUs.load(kRelaxed);
+    if (limitUs != 0 && frameUs >= limitUs) {
+      reportFrameOvershoot(frameUs, limitUs);
+      return true;
+    }
+    if (allDone) return true;
+    // Some task asked for another pass in this period (yield1).
+    sched_yield();
+    if (!running.load(kRelaxed)) return false;
+    while (paused.load(kRelaxed)) {
+      sched_yield();
+      if (!running.load(kRelaxed)) return false;
+    }
+  }
+}
+
+void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int index, bool& allDone) {
+  RealTimeTask& task = *wrapper.task;
+  executingSerial.store(wrapper.serial, kRelaxed);
+  {
+    const std::string nameCopy = task.getName();  // asked before every run, by design
+    (void)nameCopy;
+  }
+  const uint64_t t0 = Cycles::rdtsc();
+  trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index));
+  wrapper.runState.store(RealTimeTaskWrapper::kRunning, kRelaxed);
+  if (wrapper.co == nullptr) {
+    wrapper.shareStack = aco_share_stack_new(0);
+    KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
+    wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0,
+                            &RealTimeTaskWrapper::execute_aco, &wrapper);
+  }
+  aco_resume(wrapper.co);
+  if (eager_run) {
+    eager_run = false;
+    wrapper.runState.store(RealTimeTaskWrapper::kReady, kRelaxed);
+  } else {
+    wrapper.runState.store(RealTimeTaskWrapper::kDone, kRelaxed);
+  }
+  const uint64_t runs = wrapper.runCount.load(kRelaxed);
+  trace("Task[%d] <<<<<<<< end %d", static_cast<uint32_t>(index), static_cast<uint32_t>(runs));
+  wrapper.runCount.store(runs + 1, kRelaxed);
+  const uint64_t us = Cycles::toMicroseconds(Cycles::rdtsc() - t0, 0);
+  add(wrapper.totalRuntimeUs, us);
+  if (us > wrapper.maxRuntimeUs.load(kRelaxed)) wrapper.maxRuntimeUs.store(us, kRelaxed);
+
+  const unsigned long limit = task.getExpectedMaxRuntime();
+  if (us >= limit) {
+    add(wrapper.overshootCount, 1);
+    const uint64_t average = wrapper.totalRuntimeUs.load(kRelaxed) / (runs + 1);
+    char text[kErrorTextSize];
+    std::snprintf(text, sizeof(text),
+                  "Task %s:%s overshoot: %ldus(limit: %ldus, avg: %ldus) cnt: %ld", name.c_str(),
+                  task.getName().c_str(), static_cast<long>(us),
+                  static_cast<long>(task.getExpectedMaxRuntime()), static_cast<long>(average),
+                  static_cast<long>(wrapper.overshootCount.load(kRelaxed)));
+    errors.publish(text);
+    // An overshooting task gets no further pass in this period, even after yield1().
+    wrapper.runState.store(RealTimeTaskWrapper::kDone, kRelaxed);
+  } else if (wrapper.runState.load(kRelaxed) == RealTimeTaskWrapper::kReady) {
+    allDone = false;
+  }
+}
+
+void PeriodicThread::PrivateData::reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs) {
+  add(threadWarningTimes, 1);
+  char text[kErrorTextSize];
+  std::snprintf(text, sizeof(text), "Task %s overshoot: %ldus(limit: %ldus) cnt: %ld", name.c_str(),
+                static_cast<long>(frameUs), static_cast<long>(limitUs),
+                static_cast<long>(threadWarningTimes.load(kRelaxed)));
+  errors.publish(text);
+}
+
+void PeriodicThread::PrivateData::sleepToNextDeadline() {
+  timespec now;
+  clock_gettime(clockId, &now);
+  // The elapsed part of the period just ended; a negative value (an early wake-up) turns into
+  // a huge load, as callers of this field have always seen it.
+  const int32_t seconds =
+      static_cast<int32_t>(static_cast<uint32_t>(now.tv_sec - nextWakeup.tv_sec));
+  const int32_t nanos =
+      static_cast<int32_t>(static_cast<uint32_t>(now.tv_nsec - nextWakeup.tv_nsec));
+  const int64_t elapsedUs = static_cast<int64_t>(seconds) * 1000000 + nanos / 1000;
+  const uint32_t us = periodUs.load(kRelaxed);
+  load.store(us == 0 ? 0.0 : static_cast<double>(static_cast<uint64_t>(elapsedUs)) / us, kRelaxed);
+
+  const timespec period = periodToTimespec(us);
+  advance(nextWakeup, period);
+  // Deadlines already past are skipped and counted, never caught up.
+  while (isLater(now, nextWakeup)) {
+    if (us == 0) {  // a zero period runs cycles back to back
+      nextWakeup = now;
+      break;
+    }
+    if (started.load(kRelaxed)) add(missed, 1);
+    advance(nextWakeup, period);
+  }
+  clock_nanosleep(clockId, TIMER_ABSTIME, &nextWakeup, nullptr);
+}
+
+void PeriodicThread::PrivateData::recordWakeUp() {
+  const uint64_t now = Cycles::rdtsc();
+  if (!started.load(kRelaxed)) {
+    started.store(true, kRelaxed);
+    lastWakeTsc = now;
+    return;
+  }
+  add(wakeCount, 1);
+  const uint64_t interval = now - lastWakeTsc;
+  lastWakeTsc = now;
+  // A sample that raises the maximum is not compared with the minimum, so the first sample
+  // never sets the minimum.
+  if (interval > maxInterval.load(kRelaxed)) {
+    maxInterval.store(interval, kRelaxed);
+  } else if (interval < minInterval.load(kRelaxed)) {
+    minInterval.store(interval, kRelaxed);
+  }
+  add(sumInterval, interval);
+}
+
+void PeriodicThread::PrivateData::pickUpSnapshot() {
+  TaskSnapshot* fresh = pendingSnapshot.exchange(nullptr, std::memory_order_acquire);
+  if (fresh == nullptr) return;
+  if (TaskSnapshot* old = loopSnapshot) {
+    // Hand the old snapshot back for freeing: the loop neither frees nor locks.
+    old->nextRetired = retiredSnapshots.load(kRelaxed);
+    while (!retiredSnapshots.compare_exchange_weak(old->nextRetired, old, std::memory_order_release,
+                                                   kRelaxed)) {
+    }
+  }
+  loopSnapshot = fresh;
+}
+
+void PeriodicThread::PrivateData::purgeFlaggedTasks() {
+  if (loopSnapshot == nullptr) return;
+  for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
+    if (wrapper->deleteFlag.load(kRelaxed)) wrapper->purged.store(true, kRelaxed);
+  }
+}
+
+void PeriodicThread::PrivateData::makeEveryTaskReady() {
+  if (loopSnapshot == nullptr) return;
+  for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
+    wrapper->runState.store(RealTimeTaskWrapper::kReady, kRelaxed);
+  }
+}
+
+void PeriodicThread::PrivateData::trace(const char* format, uint32_t arg0, uint32_t arg1) {
+  if (!traceEnabled.load(kRelaxed)) return;
+  if (TimeTrace::threadBuffer == nullptr) TimeTrace::createThreadBuffer();
+  TimeTrace::threadBuffer->record(Cycles::rdtsc(), format, arg0, arg1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registry bookkeeping (caller threads, registryMutex held)
+// ---------------------------------------------------------------------------------------------
+
+// Frees snapshots the loop has dropped and forgets wrappers the loop has purged.
+void PeriodicThread::PrivateData::maintainLocked() {
+  collectRetiredLocked();
+  const auto purged = std::remove_if(tasks.begin(), tasks.end(),
+                                     [](const WrapperPtr& w) { return w->purged.load(kRelaxed); });
+  if (purged == tasks.end()) return;
+  tasks.erase(purged, tasks.end());
+  publishLocked();
+}
+
+void PeriodicThread::PrivateData::collectRetiredLocked() {
+  TaskSnapshot* retired = retiredSnapshots.exchange(nullptr, std::memory_order_acquire);
+  while (retired != nullptr) {
+    TaskSnapshot* next = retired->nextRetired;
+    delete retired;
+    retired = next;
+  }
+}
+
+void PeriodicThread::PrivateData::publishLocked() {
+  auto* fresh = new TaskSnapshot{tasks, nullptr};
+  delete pendingSnapshot.exchange(fresh, std::memory_order_acq_rel);  // never picked up
+}
+
+bool PeriodicThread::PrivateData::insertLocked(const WrapperPtr& wrapper) {
+  switch (scheduleMethod) {
+    case ScheduleMethod::Sequential:
+      tasks.push_back(wrapper);
+      return true;
+    case ScheduleMethod::Priority: {
+      const int priority = wrapper->task->getPriority();
+      const auto position = std::find_if(tasks.begin(), tasks.end(), [&](const WrapperPtr& w) {
+        return !w->purged.load(kRelaxed) && w->task->getPriority() < priority;
+      });
+      tasks.insert(position, wrapper);
+      return true;
+    }
+  }
+  return false;  // an unknown method drops the task, silently
+}
+
+// ---------------------------------------------------------------------------------------------
+// PeriodicThread
+// ---------------------------------------------------------------------------------------------
+
+PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMethod method,
+                               int cpu, int priority)
+    : d_(std::make_shared<PrivateData>(period, name, method, cpu, priority)) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+  pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
+  sched_param param{};
+  param.sched_priority = priority;
+  pthread_attr_setschedparam(&attributes, &param);
+  if (cpu != -1) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu >= 0 && cpu <= 1023) CPU_SET(cpu, &set);
+    pthread_attr_setaffinity_np(&attributes, sizeof(set), &set);
+  }
+  auto* handle = new std::shared_ptr<PrivateData>(d_);
+  const int result = pthread_create(&d_->thread, &attributes, &PrivateData::loop, handle);
+  pthread_attr_destroy(&attributes);
+  if (result != 0) {
+    delete handle;
+    std::printf("pthread_create FAILED(%d): %s\n", result, std::strerror(result));
+    std::fflush(stdout);
+    return;
+  }
+  d_->threadCreated = true;
+  // The kernel keeps 15 characters of a thread name; longer names are cut rather than refused.
+  char shortName[16] = {};
+  std::strncpy(shortName, d_->name.c_str(), sizeof(shortName) - 1);
+  pthread_setname_np(d_->thread, shortName);
+}
+
+PeriodicThread::~PeriodicThread() {
+  cleanTask();
+  if (d_->threadCreated && !d_->threadReleased.exchange(true)) pthread_detach(d_->thread);
+}
+
+void PeriodicThread::start(unsigned long limitUs) {
+  d_->frameLimitUs.store(limitUs, kRelaxed);
+  d_->paused.store(false, kRelaxed);
+}
+
+void PeriodicThread::pause() { d_->paused.store(true, kRelaxed); }
+
+void PeriodicThread::resume() { d_->paused.store(false, kRelaxed); }
+
+void PeriodicThread::stop() { d_->running.store(false, kRelaxed); }
+
+void PeriodicThread::join() {
+  if (d_->threadCreated && !d_->threadReleased.exchange(true)) pthread_join(d_->thread, nullptr);
+}
+
+int PeriodicThread::setPeriod(int periodUs) {
+  if (periodUs >= 1) d_->periodUs.store(static_cast<uint32_t>(periodUs), kRelaxed);
+  return 0;
+}
+
+int PeriodicThread::getTid() const { return d_->tid.load(kRelaxed); }
+
+cpu_set_t PeriodicThread::getCpuAffinity() const {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (d_->threadCreated && !d_->threadReleased.load()) {
+    pthread_getaffinity_np(d_->thread, sizeof(set), &set);
+  }
+  return set;
+}
+
+std::shared_ptr<RealTimeTask> PeriodicThread::getExecuteTask() const {
+  const uint64_t serial = d_->executingSerial.load(kRelaxed);
+  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  for (const WrapperPtr& wrapper : d_->tasks) {
+    if (wrapper->serial == serial) return wrapper->task;
+  }
+  return nullptr;
+}
+
+void PeriodicThread::addTask(std::shared_ptr<RealTimeTask> task, bool runOnce) {
+  aco_coroutine* mainCo;
+  while ((mainCo = d_->mainCo.load(std::memory_order_acquire)) == nullptr) {
+    const timespec pause{0, 100000000};
+    nanosleep(&pause, nullptr);
+  }
+  auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, mainCo, runOnce);
+  {
+    std::lock_guard<std::mutex> lock(d_->registryMutex);
+    d_->maintainLocked();
+    if (d_->insertLocked(wrapper)) d_->publishLocked();
+  }
+  task->init(wrapper);
+}
+
+std::shared_ptr<RealTimeTask> PeriodicThread::addTask(const std::string& name,
+                                                      const std::function<void()>& fn, int priority,
+                                                      unsigned long expectedMaxRuntime,
+                                                      bool runOnce) {
+  auto task = std::make_shared<RealTimeTaskInternal>(name, fn, priority, expectedMaxRuntime);
+  addTask(task, runOnce);
+  return task;
+}
+
+std::shared_ptr<RealTimeTask> PeriodicThread::addTask(const std::string& name,
+                                                      std::function<void()>&& fn, int priority,
+                                                      unsigned long expectedMaxRuntime,
+                                                      bool runOnce) {
+  auto task =
+      std::make_shared<RealTimeTaskInternal>(name, std::move(fn), priority, expectedMaxRuntime);
+  addTask(task, runOnce);
+  return task;
+}
+
+size_t PeriodicThread::tasksSize() const {
+  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  return static_cast<size_t>(
+      std::count_if(d_->tasks.begin(), d_->tasks.end(),
+                    [](const WrapperPtr& w) { return !w->purged.load(kRelaxed); }));
+}
+
+std::string PeriodicThread::getTaskNames() const {
+  std::string text = "Task names: \n";
+  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  size_t index = 0;
+  for (const WrapperPtr& wrapper : d_->tasks) {
+    if (wrapper->purged.load(kRelaxed)) continue;
+    text += "Task " + std::to_string(index++) + ": " + wrapper->task->getName() + "\n";
+  }
+  return text;
+}
+
+int PeriodicThread::deleteTask(const std::string& name) {
+  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  d_->maintainLocked();
+  for (const WrapperPtr& wrapper : d_->tasks) {
+    if (wrapper->purged.load(kRelaxed) || wrapper->task->getName() != name) continue;
+    wrapper->deleteFlag.store(true, kRelaxed);
+    return 1;
+  }
+  return -1;
+}
+
+void PeriodicThread::cleanTask() {
+  std::vector<WrapperPtr> released;
+  {
+    std::lock_guard<std::mutex> lock(d_->registryMutex);
+    d_->collectRetiredLocked();
+    released.swap(d_->tasks);
+    d_->publishLocked();
+  }
+  // `released` dies here, outside the lock: a wrapper's task may do anything in its destructor.
+}
+
+// ---------------------------------------------------------------------------------------------
+// Diagnostics
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr size_t kSummarySize = 200;
+
+// Appends one formatted line to a summary buffer; like a fortified sprintf, terminates the
+// process rather than write past the buffer.
+void appendChecked(char (&buffer)[kSummarySize], const char* format, long value) {
+  const size_t used = strnlen(buffer, kSummarySize);
+  char line[64];
+  const int length = std::snprintf(line, sizeof(line), format, value);
+  if (length < 0 || used + static_cast<size_t>(length) >= kSummarySize) {
+    std::fputs("*** buffer overflow detected ***: terminated\n", stderr);
+    std::fflush(stderr);
+    std::abort();
+  }
+  std::memcpy(buffer + used, line, static_cast<size_t>(length) + 1);
+}
+
+std::mutex summaryMutex;
+
+}  // namespace
+
+const char* PeriodicThread::getStatus() const {
+  static char status[kSummarySize];
+  std::lock_guard<std::mutex> lock(summaryMutex);
+  const uint64_t wakes = d_->wakeCount.load(kRelaxed);
+  const uint64_t averageCycles = wakes == 0 ? 0 : d_->sumInterval.load(kRelaxed) / wakes;
+  appendChecked(status, "avg: %ld\n", static_cast<long>(Cycles::toMicroseconds(averageCycles)));
+  appendChecked(status, "min: %ld\n",
+                static_cast<long>(Cycles::toMicroseconds(d_->minInterval.load(kRelaxed))));
+  appendChecked(status, "max: %ld\n",
+                static_cast<long>(Cycles::toMicroseconds(d_->maxInterval.load(kRelaxed))));
+  appendChecked(status, "missed: %ld\n", static_cast<long>(d_->missed.load(kRelaxed)));
+  return status;
+}
+
+const char* PeriodicThread::getWarning() const {
+  static char warning[kSummarySize];
+  std::lock_guard<std::mutex> lock(summaryMutex);
+  appendChecked(warning, "taskwaringtimes: %ld\n",
+                static_cast<long>(d_->taskWarningTimes.load(kRelaxed)));
+  appendChecked(warning, "threadwarningtimes: %ld\n",
+                static_cast<long>(d_->threadWarningTimes.load(kRelaxed)));
+  return warning;
+}
+
+WakeStatistics PeriodicThread::getWakeStatistics() const {
+  WakeStatistics statistics;
+  statistics.wakeCount = d_->wakeCount.load(kRelaxed);
+  statistics.minInterval = d_->minInterval.load(kRelaxed);
+  statistics.maxInterval = d_->maxInterval.load(kRelaxed);
+  statistics.sumInterval = d_->sumInterval.load(kRelaxed);
+  statistics.missed = d_->missed.load(kRelaxed);
+  statistics.threadWarningTimes = d_->threadWarningTimes.load(kRelaxed);
+  statistics.load = d_->load.load(kRelaxed);
+  return statistics;
+}
+
+std::string PeriodicThread::getErrorString() { return d_->errors.take(); }
+
+void PeriodicThread::setTraceEnabled(bool enabled) { d_->traceEnabled.store(enabled, kRelaxed); }
+
+std::string PeriodicThread::getTrace() const { return TimeTrace::getTrace(); }
+
+void PeriodicThread::printTrace(const char* path) const {
+  TimeTrace::setOutputFileName(path);
+  if (FILE* file = std::fopen(path, "a")) {
+    std::fputs("Task names: \n", file);
+    std::lock_guard<std::mutex> lock(d_->registryMutex);
+    size_t index = 0;
+    for (const WrapperPtr& wrapper : d_->tasks) {
+      if (wrapper->purged.load(kRelaxed)) continue;
+      std::fprintf(file, "Task %zu: %s\n", index++, wrapper->task->getName().c_str());
+    }
+    std::fclose(file);
+  }
+  TimeTrace::print();
+}
 
 }  // namespace kelvo
 }  // namespace mosk

@@ -1,18 +1,46 @@
-// Real-time threads: thread and platform utilities.
+// Real-time periodic threads: tasks, the periodic thread and its cycle loop, cooperative
+// yielding, diagnostics, and thread and platform utilities.
 //
-// Free functions that prepare a thread for real-time work on Linux (SCHED_FIFO priority, name,
-// CPU pinning, CPU-list parsing) and the PeriodicThread class's platform queries (PREEMPT RT
-// detection, the DMA latency target).
+// A PeriodicThread owns one SCHED_FIFO thread, optionally pinned to a CPU, that wakes on
+// absolute CLOCK_MONOTONIC deadlines and runs its tasks once per period. Every task runs in a
+// coroutine of its own on a share stack of its own, created on the task's first run, so a task
+// may call PeriodicThread::yield() to continue in the next period, or yield1() to get another
+// pass in the same period. Each run is timed with the TSC; runs that reach a task's expected
+// maximum and passes that reach the thread's limit are counted and described in the thread's
+// error text. Deadlines already past are skipped and counted as missed, never caught up.
 //
-// Threading: every function acts on the calling thread or on process-wide kernel state and
-// keeps no state of its own; all may be called from any thread.
+//   PeriodicThread thread(1000, "control", ScheduleMethod::Priority, 1, 80);
+//   thread.addTask("controller", [] { step(); }, 10, 200, false);
+//   thread.start(800);
+//   ...
+//   thread.stop();
+//   thread.join();   // always: the destructor neither stops nor joins
+//
+// Threading rules:
+// - Control operations (start, pause, resume, stop, setPeriod, setTraceEnabled) are single
+//   relaxed atomic writes that the loop samples at fixed points: stop() is seen at the top of
+//   the next cycle (or while the loop waits in an eager pass), never between two tasks.
+// - The task registry (addTask, deleteTask, cleanTask, tasksSize, getTaskNames) may be used
+//   from any thread while the loop runs. Callers serialise among themselves on a mutex; the loop
+//   never takes it: it runs on an immutable snapshot of the registry that it picks up, without
+//   locking or allocating, at the top of each pass. Snapshots the loop drops are freed by the
+//   next registry call, so task wrappers (and their share stacks) die on a caller's thread.
+// - Diagnostics may be read from any thread; counters are relaxed atomics.
+// - Only the loop thread runs tasks. yield(), yield1() and check_co() act on the calling
+//   thread.
 #ifndef MOSK_KELVO_THREAD_H_
 #define MOSK_KELVO_THREAD_H_
 
 #include <sched.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
 
+#include "mosk/kelvo/aco.h"
 #include "mosk/kelvo/export.h"
 
 namespace mosk {
@@ -43,8 +71,201 @@ KELVO_EXPORT int pinThreadToCore(int core);
 // step would pass 2^32 - 1 ends there instead of wrapping around.
 KELVO_EXPORT int cpulist_parse(const char* str, cpu_set_t* set, size_t setsize, int fail);
 
+// Where addTask places a new task. It does not change the operating-system policy (always
+// SCHED_FIFO). Any other value makes addTask drop tasks silently.
+enum class ScheduleMethod : int32_t {
+  Sequential = 0,  // append
+  Priority = 1,    // descending priority; a newcomer goes after tasks of equal priority
+};
+
+// A task's view of its own bookkeeping, handed to RealTimeTask::init.
+class KELVO_EXPORT RealTimeTaskApi {
+ public:
+  virtual ~RealTimeTaskApi();
+  // Longest measured run in microseconds.
+  virtual unsigned long getMaxRuntime() const = 0;
+  // Always empty: reserved for task-level errors.
+  virtual std::string getErrorString() const = 0;
+};
+
+// A unit of periodic work. Implement it directly, or pass a callable to addTask.
+class KELVO_EXPORT RealTimeTask {
+ public:
+  virtual ~RealTimeTask();
+  // Called once when the task is added to a thread, with the task's own bookkeeping.
+  virtual void init(std::shared_ptr<RealTimeTaskApi> api) = 0;
+  virtual std::string getName() const = 0;
+  // Larger runs earlier on a thread that orders by priority.
+  virtual int getPriority() const = 0;
+  // Run-time limit of one run in microseconds; a run that reaches it counts as an overshoot.
+  virtual unsigned long getExpectedMaxRuntime() = 0;
+  // One run of the task's work, on the periodic thread, inside the task's coroutine.
+  virtual void execute() = 0;
+};
+
+// Adapts a plain callable to RealTimeTask. An empty callable is allowed and runs as a no-op.
+class KELVO_EXPORT RealTimeTaskInternal : public RealTimeTask {
+ public:
+  RealTimeTaskInternal(const std::string& name, std::function<void()> body, int priority,
+                       unsigned long expectedMaxRuntime);
+  ~RealTimeTaskInternal() override;
+
+  void init(std::shared_ptr<RealTimeTaskApi> api) override;
+  std::string getName() const override;
+  int getPriority() const override;
+  unsigned long getExpectedMaxRuntime() override;
+  void execute() override;
+
+  std::string name;
+  std::function<void()> body;
+  int priority;
+  unsigned long expectedMaxRuntime;  // microseconds
+};
+
+// The per-task record a PeriodicThread keeps for every added task: the task, its coroutine and
+// share stack (created on the first run), its run state and its statistics. Statistics are
+// written by the loop thread and may be read from any thread.
+class KELVO_EXPORT RealTimeTaskWrapper : public RealTimeTaskApi {
+ public:
+  enum RunState : int32_t { kReady = 0, kRunning = 1, kDone = 2 };
+
+  RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco_coroutine* mainCo, bool runOnce);
+  // Frees the task's coroutine and share stack. A task that was suspended in the middle of
+  // execute() is discarded without unwinding its stack.
+  ~RealTimeTaskWrapper() override;
+  RealTimeTaskWrapper(const RealTimeTaskWrapper&) = delete;
+  RealTimeTaskWrapper& operator=(const RealTimeTaskWrapper&) = delete;
+
+  unsigned long getMaxRuntime() const override;
+  std::string getErrorString() const override;
+
+  // The body of every task coroutine: runs execute() once per resumption (run-once tasks run
+  // it once, flag themselves for removal and exit).
+  static void execute_aco();
+
+  const bool useCoroutine = true;
+  std::atomic<int32_t> runState{kDone};
+  const std::shared_ptr<RealTimeTask> task;
+  std::atomic<uint64_t> totalRuntimeUs{0};
+  std::atomic<uint64_t> overshootCount{0};
+  std::atomic<uint64_t> maxRuntimeUs{0};
+  std::atomic<uint64_t> runCount{0};
+  const std::string errorString;
+  const bool runOnce;
+  aco_coroutine* const mainCo;
+  aco_share_stack* shareStack = nullptr;  // loop thread only
+  aco_coroutine* co = nullptr;            // loop thread only
+  std::atomic<bool> deleteFlag{false};
+  // Set by the loop when it purges a flagged wrapper; registry calls then forget it.
+  std::atomic<bool> purged{false};
+  // Unique per process, never reused: names the task the loop ran last.
+  const uint64_t serial;
+};
+
+// A consistent-enough copy of a periodic thread's counters (each field is read atomically;
+// the set is not taken at one instant). Intervals are in TSC cycles (see Cycles).
+struct WakeStatistics {
+  uint64_t wakeCount;           // wake-ups since the first one
+  uint64_t minInterval;         // shortest interval between wake-ups (all ones before any)
+  uint64_t maxInterval;         // longest interval between wake-ups
+  uint64_t sumInterval;         // sum of the intervals
+  uint64_t missed;              // deadlines skipped because a cycle ran past them
+  uint64_t threadWarningTimes;  // passes that reached the per-pass limit
+  double load;                  // elapsed part of the last period when the loop went to sleep
+};
+
+// One periodic real-time thread and its tasks. Not copyable, not movable.
 class KELVO_EXPORT PeriodicThread {
  public:
+  struct PrivateData;
+
+  // Creates the thread at once, paused: SCHED_FIFO at `priority` (explicit scheduling, not
+  // inherited), pinned to `cpu` unless it is -1, named `name` (the kernel keeps 15
+  // characters). `period` is in microseconds. The name is copied. If the thread cannot be
+  // created (usually: no permission for SCHED_FIFO, or a CPU outside 0..1023), the constructor
+  // prints "pthread_create FAILED(<errno>): <text>" to standard output and the object stays
+  // without a thread: addTask then waits forever, so check your privileges first.
+  PeriodicThread(unsigned int period, const char* name, ScheduleMethod method, int cpu,
+                 int priority);
+  // Releases the tasks but neither stops nor joins the thread: call stop() and join() first.
+  // A thread left running keeps waking every period, with no tasks, until the process ends
+  // (it is detached, and its state stays alive as long as it runs).
+  ~PeriodicThread();
+  PeriodicThread(const PeriodicThread&) = delete;
+  PeriodicThread& operator=(const PeriodicThread&) = delete;
+
+  // Runs tasks from the next period on. `limitUs` is the per-pass run-time limit (0: none).
+  void start(unsigned long limitUs);
+  // The thread keeps its period and wake-up statistics but runs no task.
+  void pause();
+  // Like start() but keeps the current per-pass limit (0 if start() was never called).
+  void resume();
+  // The loop ends at its next check; then join().
+  void stop();
+  // Waits for the thread to end. Does nothing if there is no thread or it was joined already.
+  void join();
+  // New period in microseconds, used from the next deadline on. Values below 1 are ignored.
+  // Returns 0 either way.
+  int setPeriod(int periodUs);
+  // Kernel thread id of the loop thread (0 until the thread has started).
+  int getTid() const;
+  // The loop thread's CPU affinity (empty if there is no thread).
+  cpu_set_t getCpuAffinity() const;
+  // The task being run or run last; empty before the first run and once that task has left
+  // the registry.
+  std::shared_ptr<RealTimeTask> getExecuteTask() const;
+
+  // Adds a task; waits (polling every 100 ms) until the loop thread has started. Sequential
+  // threads append; priority threads insert before the first task of lower priority. The
+  // task's init() is called after insertion. A run-once task is removed after its first
+  // complete run.
+  void addTask(std::shared_ptr<RealTimeTask> task, bool runOnce = false);
+  // Wraps `fn` in a RealTimeTaskInternal, adds it and returns it. `expectedMaxRuntime` is in
+  // microseconds (0 flags every run as an overshoot).
+  std::shared_ptr<RealTimeTask> addTask(const std::string& name, const std::function<void()>& fn,
+                                        int priority, unsigned long expectedMaxRuntime,
+                                        bool runOnce = false);
+  std::shared_ptr<RealTimeTask> addTask(const std::string& name, std::function<void()>&& fn,
+                                        int priority, unsigned long expectedMaxRuntime,
+                                        bool runOnce = false);
+  // Number of tasks, counting those flagged for removal until the loop has purged them.
+  size_t tasksSize() const;
+  // "Task names: \n" followed by "Task <index>: <name>\n" for each task in order.
+  std::string getTaskNames() const;
+  // Flags the first task named `name` for removal at the loop's next pass: 1, or -1 if none.
+  int deleteTask(const std::string& name);
+  // Removes every task at once.
+  void cleanTask();
+
+  // Wake-up statistics, appended to a process-wide 200-byte buffer that is never cleared:
+  // "avg: <us>\nmin: <us>\nmax: <us>\nmissed: <n>\n". Each call appends four more lines,
+  // and the process is terminated (like a fortified sprintf) once the text would not fit:
+  // read it a few times per process, not in a loop. The average is 0 before two wake-ups.
+  const char* getStatus() const;
+  // "taskwaringtimes: 0\nthreadwarningtimes: <n>\n", appended to its own 200-byte buffer
+  // in the same way.
+  const char* getWarning() const;
+  // The thread's counters as numbers (an addition to getStatus()/getWarning(), which format
+  // them into accumulating text).
+  WakeStatistics getWakeStatistics() const;
+  // The latest overshoot message, once: the read clears it. Empty if there is none.
+  std::string getErrorString();
+  // Records "Task FRAME ..." and "Task[i] ..." events into the thread's time-trace ring.
+  void setTraceEnabled(bool enabled);
+  // The merged time trace of every ring in the process (TimeTrace::getTrace()).
+  std::string getTrace() const;
+  // Appends the task list to `path`, then prints the merged time trace there.
+  void printTrace(const char* path) const;
+
+  // On a periodic thread's task: suspends the task until the next period. Elsewhere:
+  // sched_yield().
+  static void yield();
+  // On a periodic thread's task: gives the task another pass in this period. Elsewhere:
+  // sched_yield().
+  static void yield1();
+  // True on a periodic thread's loop thread.
+  static bool check_co();
+
   // True only when the kernel's version text contains "PREEMPT RT" (any case) and
   // /sys/kernel/realtime reads 1. Note that current PREEMPT_RT kernels spell the version tag
   // with an underscore, which this test does not accept; kelvo-check reports both facts.
@@ -63,6 +284,9 @@ class KELVO_EXPORT PeriodicThread {
 
   // Reserved for system-wide real-time preparation; does nothing.
   static void rt_system_init();
+
+ private:
+  std::shared_ptr<PrivateData> d_;
 };
 
 }  // namespace kelvo

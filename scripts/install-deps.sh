@@ -1,0 +1,19 @@
+#!/bin/sh
+# Installs what kelvo needs to build, test and benchmark on Debian 12, skipping what is there.
+# Run as root. Packages: the compiler and build tools, GoogleTest, Google Benchmark, and the
+# benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests).
+set -eu
+packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
+  libbenchmark-dev libssl-dev libboost-context-dev rt-tests"
+missing=""
+for package in $packages; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
+    missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+  echo "installing:$missing"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  # shellcheck disable=SC2086
+  apt-get install -y -qq --no-install-recommends $missing
+fi
