@@ -334,6 +334,7 @@ struct PeriodicThread::PrivateData {
   void runTask(RealTimeTaskWrapper& wrapper, int index, bool& allDone);
   void reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs);
   void sleepToNextDeadline();
+  void recordLatency();
   void recordWakeUp();
   void pickUpSnapshot();
   void purgeFlaggedTasks();
@@ -366,6 +367,8 @@ struct PeriodicThread::PrivateData {
   std::atomic<uint64_t> maxInterval{0};
   std::atomic<uint64_t> sumInterval{0};
   std::atomic<uint64_t> missed{0};
+  std::atomic<int64_t> lastLatencyNs{0};
+  std::atomic<int64_t> maxLatencyNs{0};
   std::atomic<uint64_t> frameLimitUs{0};
   std::atomic<uint64_t> threadWarningTimes{0};
   std::atomic<uint64_t> taskWarningTimes{0};
@@ -534,6 +537,20 @@ void PeriodicThread::PrivateData::sleepToNextDeadline() {
     advance(nextWakeup, period);
   }
   clock_nanosleep(clockId, TIMER_ABSTIME, &nextWakeup, nullptr);
+  recordLatency();
+}
+
+// How late this wake-up came: what cyclictest measures, read through the vDSO (no system
+// call) so that tasks and tools can see their thread's latency.
+void PeriodicThread::PrivateData::recordLatency() {
+  timespec woke;
+  clock_gettime(clockId, &woke);
+  const int64_t latencyNs = (static_cast<int64_t>(woke.tv_sec) - nextWakeup.tv_sec) * 1000000000 +
+                            (woke.tv_nsec - nextWakeup.tv_nsec);
+  lastLatencyNs.store(latencyNs, kRelaxed);
+  if (started.load(kRelaxed) && latencyNs > maxLatencyNs.load(kRelaxed)) {
+    maxLatencyNs.store(latencyNs, kRelaxed);
+  }
 }
 
 void PeriodicThread::PrivateData::recordWakeUp() {
@@ -848,6 +865,8 @@ WakeStatistics PeriodicThread::getWakeStatistics() const {
   statistics.missed = d_->missed.load(kRelaxed);
   statistics.threadWarningTimes = d_->threadWarningTimes.load(kRelaxed);
   statistics.load = d_->load.load(kRelaxed);
+  statistics.lastLatencyNs = d_->lastLatencyNs.load(kRelaxed);
+  statistics.maxLatencyNs = d_->maxLatencyNs.load(kRelaxed);
   return statistics;
 }
 

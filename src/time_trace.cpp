@@ -231,8 +231,8 @@ void TimeTrace::createThreadBuffer() {
 }
 
 void TimeTrace::deleteThreadBuffer() {
-  if (threadBuffer == nullptr) return;
-  delete threadBuffer;
+  // The registry keeps the ring: a printer on another thread may be merging it right now, and
+  // any later merge still walks it. Freeing it here would leave the registry dangling.
   threadBuffer = nullptr;
 }
 

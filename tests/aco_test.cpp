@@ -121,10 +121,14 @@ kelvo_test_check_body:
 
 namespace {
 
-const bool kThreadsafeDeathTests = [] {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  return true;
-}();
+// Death tests re-execute the binary: safe with the threads some tests start. Set from a test
+// environment, once gtest's own flags exist.
+class ThreadsafeDeathTests : public testing::Environment {
+ public:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+testing::Environment* const kThreadsafeDeathTests =
+    testing::AddGlobalTestEnvironment(new ThreadsafeDeathTests);
 
 constexpr size_t kPage = 4096;
 

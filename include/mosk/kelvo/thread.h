@@ -172,6 +172,8 @@ struct WakeStatistics {
   uint64_t missed;              // deadlines skipped because a cycle ran past them
   uint64_t threadWarningTimes;  // passes that reached the per-pass limit
   double load;                  // elapsed part of the last period when the loop went to sleep
+  int64_t lastLatencyNs;        // how late the latest wake-up came after its deadline
+  int64_t maxLatencyNs;         // the worst lateness of any wake-up so far
 };
 
 // One periodic real-time thread and its tasks. Not copyable, not movable.

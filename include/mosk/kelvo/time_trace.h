@@ -6,8 +6,10 @@
 // allocation, no formatting, no lock, no system call. Formatting is deferred to print time, so
 // the format must stay valid until then (use string literals). When a ring is full the oldest
 // event is overwritten. A process-wide registry lists every ring ever created, so that a
-// printer can merge them; rings are never removed from it, so TimeTrace::getTrace(), print()
-// and reset() must not be called after any thread has deleted its ring.
+// printer can merge them. Rings are never removed from it: deleteThreadBuffer() only lets the
+// thread go of its ring, whose memory stays with the registry (and whose events stay
+// printable), so that merging after a thread has ended is always safe. A process that starts
+// and ends many tracing threads therefore keeps one ring (about 256 KiB) per thread it traced.
 //
 // Output: a header "CYCLES_PER_SECOND %f\nSTART_CYCLES %lu\n", then one line per event,
 // "%8.1f us (+%6.1f us): <text>" with the event's time since the start and since the previous
@@ -128,7 +130,8 @@ class KELVO_EXPORT TimeTrace {
 
   // Gives the calling thread a ring if it has none, and registers it.
   static void createThreadBuffer();
-  // Frees the calling thread's ring. Its pointer stays in the registry (see above).
+  // Detaches the calling thread from its ring. The ring stays registered and allocated, so
+  // printing remains safe and its events remain in the merged trace (see above).
   static void deleteThreadBuffer();
   // Forgets the events of every registered ring.
   static void reset();
