@@ -92,7 +92,8 @@ class KELVO_EXPORT RealTimeTaskApi {
 class KELVO_EXPORT RealTimeTask {
  public:
   virtual ~RealTimeTask();
-  // Called once when the task is added to a thread, with the task's own bookkeeping.
+  // Called once when the task is added to a thread, with the task's own bookkeeping. Keep it
+  // as a std::weak_ptr: the bookkeeping owns the task, so a shared_ptr would be a cycle.
   virtual void init(std::shared_ptr<RealTimeTaskApi> api) = 0;
   virtual std::string getName() const = 0;
   // Larger runs earlier on a thread that orders by priority.
