@@ -15,7 +15,8 @@
 //    and left with __tsan_switch_to_fiber (synchronising), destroyed with the coroutine.
 // Both are done around the acosw() call in aco_resume(): every switch into a coroutine and
 // every switch back out of it (yield, exit, both inline in aco.h) passes through that call,
-// so the inline helpers need no annotation and the header is the same in every build.
+// so the inline helpers need no annotation and the header is the same in every build. (In
+// the plain build that call is a tail call instead: see aco_resume.)
 #include "mosk/kelvo/aco.h"
 
 #include <emmintrin.h>
@@ -219,6 +220,7 @@ void unregisterRootRegion(aco_share_stack* s) {
 void clearShareStackShadow(aco_share_stack* s) { __asan_unpoison_memory_region(s->base, s->size); }
 #endif
 
+#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
 // Switches from co's main coroutine into co and back, telling the sanitizers in use.
 inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
 #if KELVO_ACO_ASAN || KELVO_ACO_TSAN
@@ -251,6 +253,7 @@ inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
   __sanitizer_finish_switch_fiber(main_fake_stack, nullptr, nullptr);
 #endif
 }
+#endif
 
 size_t checkedPageSize() {
   const long page = sysconf(_SC_PAGESIZE);
@@ -461,10 +464,17 @@ void aco_resume(aco_coroutine* co) {
   abortUnless(co != nullptr && co->main_co != nullptr && co->is_end == 0);
   aco_share_stack* s = co->share_stack;
   if (__builtin_expect(s->owner != co, 0)) handOverShareStack(co, s);
+#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
   aco_coroutine* main_co = co->main_co;
   aco_gtls_co = co;
   switchInto(main_co, co);
   aco_gtls_co = main_co;
+#else
+  // acosw makes `co` current, and the switch back to the main coroutine (yield, exit, or a
+  // plain acosw) makes the main coroutine current again: nothing is left to do afterwards, so
+  // this is a tail call and the coroutine's switch back lands directly in our caller.
+  kelvo_acosw_local(co->main_co, co);
+#endif
 }
 
 void aco_destroy(aco_coroutine* co) {

@@ -13,6 +13,8 @@
 
 /* void acosw(aco_coroutine* from, aco_coroutine* to)
  *
+ * Saves the caller's context into `from`, sets aco_gtls_co to `to`, continues `to`.
+ *
  * No prologue: for the side that switches away this is an ordinary call, so its return
  * address and the stack pointer it will have after returning are what gets saved. The side
  * that continues is entered by an indirect jump, either after its own acosw call or, for a
@@ -40,6 +42,13 @@ kelvo_acosw_local:
         movq    %rbp, 56(%rdi)
         fnstcw  64(%rdi)
         stmxcsr 68(%rdi)
+
+        /* The coroutine about to run becomes the thread's current one (aco_gtls_co). Doing it
+         * here rather than in aco_resume after the switch returns lets aco_resume end with a
+         * tail call: the yielding side then jumps straight back to aco_resume's caller, and no
+         * `ret` is left whose return-stack-buffer prediction the switch would have spoilt. */
+        movq    aco_gtls_co@GOTTPOFF(%rip), %rax
+        movq    %rsi, %fs:(%rax)
 
         movq    0(%rsi), %r12
         movq    8(%rsi), %r13

@@ -403,6 +403,21 @@ TEST_F(AcoTest, ResumeRunsUntilYieldAndExitEndsTheCoroutine) {
   EXPECT_EQ(co->save_stack.valid_size, 0u);
 }
 
+void yieldWithPlainAcosw() {
+  for (;;) {
+    aco_coroutine* self = aco_get_co();
+    acosw(self, self->main_co);
+  }
+}
+
+TEST_F(AcoTest, PlainAcoswYieldAlsoLeavesTheMainCoroutineCurrent) {
+  aco_coroutine* co = create(yieldWithPlainAcosw);
+  for (int i = 0; i < 3; ++i) {
+    aco_resume(co);
+    EXPECT_EQ(aco_get_co(), main_co_);
+  }
+}
+
 TEST_F(AcoTest, ResumingTheOwnerOfItsShareStackCopiesNothing) {
   aco_coroutine* co = create(yieldForever);
   for (int i = 0; i < 100; ++i) {

@@ -139,7 +139,9 @@ ACO_STATIC_ASSERT(sizeof(aco_share_stack) == 80, "aco_share_stack layout");
 
 /* Thread-locals. Initial-exec: reached with one %fs-relative access, no __tls_get_addr call,
  * which keeps resume and yield on the fast path. */
-/* The coroutine running on this thread (set around every aco_resume()); NULL outside. */
+/* The coroutine running on this thread: acosw() sets it to the coroutine it continues, so it
+ * names the resumed coroutine inside a body and the main coroutine once aco_resume() has
+ * returned. NULL before the thread's first resume. */
 KELVO_EXPORT extern __thread aco_coroutine* aco_gtls_co __attribute__((tls_model("initial-exec")));
 /* This thread's x87 control word (bytes 0-1) and MXCSR (bytes 4-7), captured by
  * aco_thread_init() and given to every non-main coroutine created afterwards. */
@@ -177,8 +179,8 @@ KELVO_EXPORT void aco_resume(aco_coroutine* co);
  * is unwound or destroyed. */
 KELVO_EXPORT void aco_destroy(aco_coroutine* co);
 
-/* The context switch: saves the caller's context into `from`, continues `to`. Returns when
- * someone switches back to `from`. */
+/* The context switch: saves the caller's context into `from`, makes `to` the current
+ * coroutine (aco_gtls_co) and continues it. Returns when someone switches back to `from`. */
 KELVO_EXPORT void acosw(aco_coroutine* from, aco_coroutine* to);
 /* Stores the x87 control word at byte 0 and MXCSR at byte 4 of the 64-bit word at p. */
 KELVO_EXPORT void aco_save_fpucw_mxcsr(void* p);
@@ -193,7 +195,7 @@ KELVO_EXPORT void aco_runtime_test(void);
 
 /* ---- Inline helpers, for use inside coroutine bodies and by their resumers. ---- */
 
-/* The coroutine running on this thread, NULL outside any aco_resume(). */
+/* The coroutine running on this thread (see aco_gtls_co). */
 static inline aco_coroutine* aco_get_co(void) { return aco_gtls_co; }
 
 /* The argument of the running coroutine. Only valid inside a coroutine body. */
