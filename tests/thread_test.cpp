@@ -493,8 +493,8 @@ TEST(PeriodicThreadTest, PoolThreadWakesEveryFiveMillisecondsUnpinned) {
 
 TEST(PeriodicThreadTest, PinnedThreadRunsOnItsCpu) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(1000, ScheduleMethod::Sequential, 0);
   std::atomic<int> cpuSeen{-1};
+  ThreadUnderTest t(1000, ScheduleMethod::Sequential, 0);
   t->addTask(
       "where", [&] { cpuSeen = sched_getcpu(); }, 0, 1000000, false);
   const cpu_set_t affinity = t->getCpuAffinity();
@@ -507,9 +507,9 @@ TEST(PeriodicThreadTest, PinnedThreadRunsOnItsCpu) {
 
 TEST(PeriodicThreadTest, ThreadIdAndCoroutineModeAreVisibleFromTasks) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<long> tidSeen{0};
   std::atomic<bool> coSeen{false};
+  ThreadUnderTest t;
   t->addTask(
       "who",
       [&] {
@@ -527,8 +527,8 @@ TEST(PeriodicThreadTest, ThreadIdAndCoroutineModeAreVisibleFromTasks) {
 
 TEST(PeriodicThreadTest, PausedThreadKeepsWakingButRunsNoTask) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<int> runs{0};
+  ThreadUnderTest t;
   t->addTask(
       "idle", [&] { runs.fetch_add(1); }, 0, 1000000, false);
   ASSERT_TRUE(waitFor([&] { return t->getWakeStatistics().wakeCount >= 5; }));
@@ -548,8 +548,8 @@ TEST(PeriodicThreadTest, PausedThreadKeepsWakingButRunsNoTask) {
 
 TEST(PeriodicThreadTest, ResumeWithoutStartRunsTasksWithoutPassLimit) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<int> runs{0};
+  ThreadUnderTest t;
   t->addTask(
       "slowish",
       [&] {
@@ -602,10 +602,10 @@ TEST(PeriodicThreadTest, SetPeriodIgnoresValuesBelowOne) {
 
 TEST(PeriodicThreadTest, SetPeriodTakesEffectAtTheNextDeadline) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(1000);
   std::atomic<int> runs{0};
   std::atomic<uint64_t> first{0}, last{0};
   std::atomic<bool> measuring{false};
+  ThreadUnderTest t(1000);
   t->addTask(
       "tick",
       [&] {
@@ -626,9 +626,9 @@ TEST(PeriodicThreadTest, SetPeriodTakesEffectAtTheNextDeadline) {
 
 TEST(PeriodicThreadTest, MissedDeadlinesAreSkippedAndCountedNotCaughtUp) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(2000);
   std::mutex mutex;
   std::vector<uint64_t> starts;
+  ThreadUnderTest t(2000);
   t->addTask(
       "long-once",
       [&] {
@@ -658,8 +658,8 @@ TEST(PeriodicThreadTest, MissedDeadlinesAreSkippedAndCountedNotCaughtUp) {
 
 TEST(TaskRegistryTest, PriorityOrderKeepsEqualsInInsertionOrder) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(1000, ScheduleMethod::Priority);
   EventLog log;
+  ThreadUnderTest t(1000, ScheduleMethod::Priority);
   for (const auto& [name, priority] :
        std::vector<std::pair<std::string, int>>{{"a5", 5}, {"b9", 9}, {"c5", 5}, {"d7", 7}}) {
     t->addTask(
@@ -684,8 +684,8 @@ TEST(TaskRegistryTest, SequentialAppends) {
 
 TEST(TaskRegistryTest, UnknownScheduleMethodDropsTasksButStillInitsThem) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(1000, static_cast<ScheduleMethod>(7));
   auto task = std::make_shared<CountingTask>("dropped", 0);
+  ThreadUnderTest t(1000, static_cast<ScheduleMethod>(7));
   t->addTask(task, false);
   EXPECT_EQ(t->tasksSize(), 0u);
   EXPECT_TRUE(task->initialised.load());
@@ -704,9 +704,9 @@ TEST(TaskRegistryTest, EmptyRegistryListsOnlyTheHeader) {
 
 TEST(TaskRegistryTest, DeleteFlagsTheFirstMatchAndTheLoopPurgesIt) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   auto first = std::make_shared<CountingTask>("twin", 0);
   auto second = std::make_shared<CountingTask>("twin", 0);
+  ThreadUnderTest t;
   t->addTask(first, false);
   t->addTask(second, false);
   EXPECT_EQ(t->deleteTask("nobody"), -1);
@@ -722,8 +722,8 @@ TEST(TaskRegistryTest, DeleteFlagsTheFirstMatchAndTheLoopPurgesIt) {
 
 TEST(TaskRegistryTest, FunctionOverloadsReturnTheCreatedTask) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   const std::function<void()> body = [] {};
+  ThreadUnderTest t;
   std::shared_ptr<RealTimeTask> byCopy = t->addTask("copied", body, 4, 100, false);
   std::shared_ptr<RealTimeTask> byMove =
       t->addTask("moved", std::function<void()>([] {}), 5, 200, false);
@@ -736,8 +736,8 @@ TEST(TaskRegistryTest, FunctionOverloadsReturnTheCreatedTask) {
 
 TEST(TaskRegistryTest, InitReceivesTheTasksOwnBookkeeping) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   auto task = std::make_shared<CountingTask>("kept", 0);
+  ThreadUnderTest t;
   t->addTask(task, false);
   ASSERT_NE(task->api(), nullptr);
   EXPECT_EQ(task->api()->getErrorString(), "");
@@ -748,8 +748,8 @@ TEST(TaskRegistryTest, InitReceivesTheTasksOwnBookkeeping) {
 
 TEST(TaskRegistryTest, CleanTaskEmptiesTheRegistryAtOnce) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   auto task = std::make_shared<CountingTask>("gone", 0);
+  ThreadUnderTest t;
   t->addTask(task, false);
   t->start(0);
   ASSERT_TRUE(waitFor([&] { return task->runs.load() >= 2; }));
@@ -764,8 +764,8 @@ TEST(TaskRegistryTest, CleanTaskEmptiesTheRegistryAtOnce) {
 
 TEST(TaskRegistryTest, ChangingTheRegistryWhileTheLoopRunsIsSafe) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(500);
   std::atomic<long> runs{0};
+  ThreadUnderTest t(500);
   t->addTask(
       "resident", [&] { runs.fetch_add(1); }, 0, 1000000, false);
   t->start(0);
@@ -794,8 +794,8 @@ TEST(TaskRegistryTest, ChangingTheRegistryWhileTheLoopRunsIsSafe) {
 
 TEST(CooperativeTaskTest, YieldContinuesInTheNextPeriod) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   EventLog log;
+  ThreadUnderTest t;
   t->addTask(
       "tick", [&] { log.add("tick"); }, 0, 1000000, false);
   t->addTask(
@@ -815,8 +815,8 @@ TEST(CooperativeTaskTest, YieldContinuesInTheNextPeriod) {
 
 TEST(CooperativeTaskTest, Yield1GivesAnotherPassInTheSamePeriod) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   EventLog log;
+  ThreadUnderTest t;
   for (const char* name : {"A", "B"}) {
     t->addTask(
         name,
@@ -838,8 +838,8 @@ TEST(CooperativeTaskTest, Yield1GivesAnotherPassInTheSamePeriod) {
 
 TEST(CooperativeTaskTest, OvershootingTaskGetsNoFurtherPassEvenAfterYield1) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(2000);
   EventLog log;
+  ThreadUnderTest t(2000);
   t->addTask(
       "greedy",
       [&] {
@@ -870,8 +870,8 @@ TEST(CooperativeTaskTest, YieldOutsideAPeriodicThreadReturns) {
 
 TEST(CooperativeTaskTest, RunOnceTaskRunsOnceAndLeavesTheRegistry) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<int> onceRuns{0}, tickRuns{0};
+  ThreadUnderTest t;
   t->addTask(
       "init", [&] { onceRuns.fetch_add(1); }, 0, 1000000, true);
   t->addTask(
@@ -886,8 +886,8 @@ TEST(CooperativeTaskTest, RunOnceTaskRunsOnceAndLeavesTheRegistry) {
 
 TEST(CooperativeTaskTest, RunOnceTaskMaySpanSeveralPeriods) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   EventLog log;
+  ThreadUnderTest t;
   t->addTask(
       "setup",
       [&] {
@@ -920,7 +920,6 @@ TEST(DiagnosticsTest, TaskOvershootIsReportedOnceThenCleared) {
 
 TEST(DiagnosticsTest, ZeroLimitCountsEveryRunAsAnOvershoot) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   auto task = std::make_shared<RealTimeTaskInternal>(
       "always", [] {}, 0, 0);
   std::shared_ptr<RealTimeTaskApi> api;
@@ -936,6 +935,7 @@ TEST(DiagnosticsTest, ZeroLimitCountsEveryRunAsAnOvershoot) {
   auto keeper = std::make_shared<Keeper>();
   keeper->inner = task;
   keeper->api = &api;
+  ThreadUnderTest t;
   t->addTask(keeper, false);
   ASSERT_NE(api, nullptr);
   auto* wrapper = static_cast<RealTimeTaskWrapper*>(api.get());
@@ -969,8 +969,8 @@ TEST(DiagnosticsTest, PassOvershootIsReportedAgainstTheLimit) {
 
 TEST(DiagnosticsTest, ZeroPassLimitNeverReportsAPassOvershoot) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t(2000);
   std::atomic<int> runs{0};
+  ThreadUnderTest t(2000);
   t->addTask(
       "busy",
       [&] {
@@ -1031,8 +1031,8 @@ TEST(DiagnosticsTest, ExecuteTaskIsTheTaskRunLast) {
 
 TEST(DiagnosticsTest, TraceRecordsPassesAndTaskRuns) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<int> runs{0};
+  ThreadUnderTest t;
   t->addTask(
       "traced", [&] { runs.fetch_add(1); }, 0, 1000000, false);
   t->setTraceEnabled(true);
@@ -1059,11 +1059,11 @@ TEST(DiagnosticsTest, TraceRecordsPassesAndTaskRuns) {
 
 TEST(PeriodicThreadTest, LoopAllocatesNothingOnceTasksHaveRun) {
   REQUIRE_SCHED_FIFO();
-  ThreadUnderTest t;
   std::atomic<int> runs{0};
   std::atomic<long> allocationsAtStart{-1};
   constexpr int kWarmUp = 3;
   constexpr int kMeasured = 50;
+  ThreadUnderTest t;
   t->addTask(
       "plain", [] {}, 0, 1000000, false);
   t->addTask(
