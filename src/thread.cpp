@@ -414,6 +414,20 @@ void PeriodicThread::PrivateData::run() {
   TimeTrace::deleteThreadBuffer();
 }
 
+// Starts loading what the next task's run touches (its coroutine, share stack, saved stack
+// top and task object) while the current task runs: with many tasks spread over the heap,
+// these cache misses, not the switch, dominate a pass.
+namespace {
+void prefetchTask(const RealTimeTaskWrapper& wrapper) {
+  __builtin_prefetch(wrapper.task.get());
+  if (const aco_coroutine* co = wrapper.co) {
+    __builtin_prefetch(co);
+    __builtin_prefetch(co->share_stack);
+    __builtin_prefetch(co->saved_regs[5]);
+  }
+}
+}  // namespace
+
 // Runs one period's passes. Returns false if the thread was stopped during an eager pass.
 bool PeriodicThread::PrivateData::runPasses() {
   for (;;) {
@@ -428,12 +442,15 @@ bool PeriodicThread::PrivateData::runPasses() {
                           [](const WrapperPtr& w) { return !w->purged.load(kRelaxed); });
         trace("Task FRAME ++++++++++ started, %d tasks", static_cast<uint32_t>(live));
       }
+      const std::vector<WrapperPtr>& tasks = loopSnapshot->tasks;
       int index = 0;
-      for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
-        if (wrapper->purged.load(kRelaxed)) continue;
+      for (size_t i = 0; i < tasks.size(); ++i) {
+        if (i + 1 < tasks.size()) prefetchTask(*tasks[i + 1]);
+        RealTimeTaskWrapper& wrapper = *tasks[i];
+        if (wrapper.purged.load(kRelaxed)) continue;
         const int position = index++;
-        if (wrapper->runState.load(kRelaxed) != RealTimeTaskWrapper::kReady) continue;
-        runTask(*wrapper, position, allDone);
+        if (wrapper.runState.load(kRelaxed) != RealTimeTaskWrapper::kReady) continue;
+        runTask(wrapper, position, allDone);
       }
     } else {
       trace("Task FRAME ++++++++++ started, %d tasks", 0);
