@@ -1,4 +1,4 @@
-// The time-stamp-counter clock: load-time calibration and unit conversions.
+// The time-stamp-counter clock: load-time calibration, the busy-wait and the load-time origin.
 #include "mosk/kelvo/cycles.h"
 
 #include <sys/time.h>
@@ -17,26 +17,6 @@ double Cycles::mockCyclesPerSec = 0;
 uint64_t Cycles::mockTscValue = 0;
 
 namespace {
-
-constexpr double kTwoToThe63 = 9223372036854775808.0;
-
-// Double to unsigned 64-bit as the hardware conversion sequence does it: values at or above
-// 2^63 lose 2^63, are truncated and get the top bit back; smaller values truncate through the
-// signed conversion (so a small negative value wraps). Values no signed conversion can hold
-// (NaN, below -2^63) give the processor's "integer indefinite", 2^63, instead of undefined
-// behaviour.
-uint64_t toUnsigned(double value) {
-  if (value >= kTwoToThe63) {
-    if (value >= 2 * kTwoToThe63) return UINT64_C(1) << 63;
-    return static_cast<uint64_t>(static_cast<int64_t>(value - kTwoToThe63)) | (UINT64_C(1) << 63);
-  }
-  if (!(value > -kTwoToThe63)) return UINT64_C(1) << 63;
-  return static_cast<uint64_t>(static_cast<int64_t>(value));
-}
-
-double factor(double cyclesPerSec) {
-  return cyclesPerSec == 0 ? Cycles::cyclesPerSec : cyclesPerSec;
-}
 
 [[noreturn]] void clockFailed(int line) {
   std::fprintf(stderr, "Cycles::init couldn't read clock: %s", std::strerror(errno));
@@ -68,38 +48,6 @@ void Cycles::init() {
     if (previous > estimate - delta && previous < estimate + delta) return;
     previous = estimate;
   }
-}
-
-double Cycles::toSeconds(uint64_t cycles, double cyclesPerSec) {
-  return static_cast<double>(cycles) / factor(cyclesPerSec);
-}
-
-uint64_t Cycles::fromSeconds(double seconds, double cyclesPerSec) {
-  return toUnsigned(seconds * factor(cyclesPerSec) + 0.5);
-}
-
-uint64_t Cycles::fromMilliseconds(uint64_t ms, double cyclesPerSec) {
-  return toUnsigned(factor(cyclesPerSec) * static_cast<double>(ms) / 1e3 + 0.5);
-}
-
-uint64_t Cycles::fromMicroseconds(uint64_t us, double cyclesPerSec) {
-  return toUnsigned(factor(cyclesPerSec) * static_cast<double>(us) / 1e6 + 0.5);
-}
-
-uint64_t Cycles::fromNanoseconds(uint64_t ns, double cyclesPerSec) {
-  return toUnsigned(factor(cyclesPerSec) * static_cast<double>(ns) / 1e9 + 0.5);
-}
-
-uint64_t Cycles::toNanoseconds(uint64_t cycles, double cyclesPerSec) {
-  return toUnsigned(static_cast<double>(cycles) * 1e9 / factor(cyclesPerSec) + 0.5);
-}
-
-uint64_t Cycles::toMicroseconds(uint64_t cycles, double cyclesPerSec) {
-  return toNanoseconds(cycles, cyclesPerSec) / 1000;
-}
-
-uint64_t Cycles::toMilliseconds(uint64_t cycles, double cyclesPerSec) {
-  return toUnsigned(static_cast<double>(toNanoseconds(cycles, cyclesPerSec)) / 1e6);
 }
 
 void Cycles::sleep(uint64_t us) {

@@ -64,6 +64,16 @@ TEST(CyclesTest, RoundsToNearestOrTruncatesAsDocumented) {
   EXPECT_EQ(Cycles::fromMicroseconds(1, 1.5e6), 2u);
 }
 
+TEST(CyclesTest, MillisecondsTruncateTheRoundedNanosecondsAtEveryMagnitude) {
+  // The fast integer path and the floating-point definition agree on both sides of 2^53.
+  for (uint64_t ns : {UINT64_C(0), UINT64_C(999999), UINT64_C(1000000), UINT64_C(1999999),
+                      (UINT64_C(1) << 53) - 1, UINT64_C(1) << 53, (UINT64_C(1) << 53) + 2,
+                      UINT64_C(123456789012345678), UINT64_C(1) << 63}) {
+    const double asDouble = static_cast<double>(Cycles::toNanoseconds(ns, 1e9)) / 1e6;
+    EXPECT_EQ(Cycles::toMilliseconds(ns, 1e9), static_cast<uint64_t>(asDouble)) << ns;
+  }
+}
+
 TEST(CyclesTest, ZeroFactorMeansCalibratedRate) {
   const uint64_t oneSecond = static_cast<uint64_t>(Cycles::cyclesPerSec);
   EXPECT_EQ(Cycles::toNanoseconds(oneSecond, 0),
