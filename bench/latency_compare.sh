@@ -17,10 +17,12 @@ tool="$build/bench/kelvo-latency"
 [ -x "$tool" ] || { echo "build $tool first (cmake --build --preset default)"; exit 1; }
 command -v cyclictest >/dev/null || { echo "cyclictest missing: apt-get install rt-tests"; exit 1; }
 
+results=$(mktemp)
+trap 'rm -f "$results"' EXIT
 echo "period ${period} us, priority ${priority}, CPU ${cpu}, ${seconds} s per run, ${rounds} rounds"
 round=1
 while [ "$round" -le "$rounds" ]; do
-  "$tool" -i "$period" -p "$priority" -a "$cpu" -D "$seconds"
+  "$tool" -i "$period" -p "$priority" -a "$cpu" -D "$seconds" | tee -a "$results"
   # cyclictest's histogram (one line per microsecond bucket) gives the percentiles.
   cyclictest -q -m -t 1 -p "$priority" -i "$period" -a "$cpu" -D "${seconds}s" -h 10000 2>/dev/null |
     awk '
@@ -35,6 +37,25 @@ while [ "$round" -le "$rounds" ]; do
         }
         printf "cyclictest  samples=%d min=%.1f p50=%.1f p99=%.1f p99.9=%.1f max=%.1f (us)\n",
                total, min, value[1], value[2], value[3], max
-      }'
+      }' | tee -a "$results"
   round=$((round + 1))
 done
+
+# The median over the rounds of each percentile, and kelvo's ratio to cyclictest.
+awk '
+  function median(tool, key,    n, i, j, t, v) {
+    n = count[tool]
+    for (i = 1; i <= n; i++) v[i] = val[tool, key, i]
+    for (i = 1; i <= n; i++) for (j = i + 1; j <= n; j++) if (v[j] < v[i]) { t = v[i]; v[i] = v[j]; v[j] = t }
+    return n % 2 ? v[(n + 1) / 2] : (v[n / 2] + v[n / 2 + 1]) / 2
+  }
+  {
+    tool = $1; count[tool]++
+    for (f = 2; f <= NF; f++) if (split($f, kv, "=") == 2) val[tool, kv[1], count[tool]] = kv[2] + 0
+  }
+  END {
+    printf "median of %d rounds (us):      p50      p99    p99.9\n", count["kelvo"]
+    printf "kelvo                      %8.1f %8.1f %8.1f\n", median("kelvo", "p50"), median("kelvo", "p99"), median("kelvo", "p99.9")
+    printf "cyclictest                 %8.1f %8.1f %8.1f\n", median("cyclictest", "p50"), median("cyclictest", "p99"), median("cyclictest", "p99.9")
+    printf "kelvo / cyclictest         %8.2f %8.2f %8.2f\n", median("kelvo", "p50") / median("cyclictest", "p50"), median("kelvo", "p99") / median("cyclictest", "p99"), median("kelvo", "p99.9") / median("cyclictest", "p99.9")
+  }' "$results"
