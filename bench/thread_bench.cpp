@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -34,7 +35,14 @@ void BM_PeriodicThreadPassPerTask(benchmark::State& state) {
     state.SkipWithError("needs SCHED_FIFO (run as root)");
     return;
   }
-  PeriodicThread thread(1000, "bench-dispatch", mosk::kelvo::ScheduleMethod::Sequential, -1, 80);
+  // The loop on the last CPU, this thread on the first: the waiting below must not share a
+  // core (and its caches) with the loop.
+  const int loopCpu = static_cast<int>(std::thread::hardware_concurrency()) - 1;
+  mosk::kelvo::pinThreadToCore(0);
+  // As a real-time set-up would: keep the CPUs out of deep idle states between periods.
+  PeriodicThread::setLatencyTarget();
+  PeriodicThread thread(1000, "bench-dispatch", mosk::kelvo::ScheduleMethod::Sequential, loopCpu,
+                        80);
   std::atomic<uint64_t> passBegin{0}, passCycles{0};
   std::atomic<uint64_t> passes{0};
   thread.addTask(
@@ -51,10 +59,10 @@ void BM_PeriodicThreadPassPerTask(benchmark::State& state) {
       0, 1000000);
   thread.start(0);
   // Warm up: every task's coroutine and share stack exist after the first pass.
-  while (passes.load() < 3) std::this_thread::yield();
+  while (passes.load() < 3) std::this_thread::sleep_for(std::chrono::microseconds(100));
   for (auto _ : state) {
     const uint64_t seen = passes.load();
-    while (passes.load() == seen) std::this_thread::yield();
+    while (passes.load() == seen) std::this_thread::sleep_for(std::chrono::microseconds(100));
     state.SetIterationTime(Cycles::toSeconds(passCycles.load()) / (kTasks + 1));
   }
   thread.stop();
