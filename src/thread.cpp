@@ -249,11 +249,12 @@ class ErrorMailbox {
   void publish(const char* text) {
     const uint64_t sequence = sequence_.load(kRelaxed);
     sequence_.store(sequence + 1, kRelaxed);
-    std::atomic_thread_fence(std::memory_order_release);
     const size_t length = strnlen(text, kErrorTextSize - 1);
     uint64_t word[kWords] = {};
     std::memcpy(word, text, length);
-    for (size_t i = 0; i <= length / 8; ++i) words_[i].store(word[i], kRelaxed);
+    // Release stores (plain moves on x86-64): a reader that sees any of these words also sees
+    // the odd sequence stored before them, and retries.
+    for (size_t i = 0; i <= length / 8; ++i) words_[i].store(word[i], std::memory_order_release);
     sequence_.store(sequence + 2, std::memory_order_release);
   }
 
@@ -268,8 +269,7 @@ class ErrorMailbox {
         continue;
       }
       uint64_t word[kWords];
-      for (size_t i = 0; i < kWords; ++i) word[i] = words_[i].load(kRelaxed);
-      std::atomic_thread_fence(std::memory_order_acquire);
+      for (size_t i = 0; i < kWords; ++i) word[i] = words_[i].load(std::memory_order_acquire);
       if (sequence_.load(kRelaxed) != sequence) continue;
       if (!consumed_.compare_exchange_strong(seen, sequence)) continue;
       const char* text = reinterpret_cast<const char*>(word);

@@ -361,6 +361,21 @@ class EventLog {
   std::vector<std::string> events_;
 };
 
+// Counts a task's runs and keeps the counter values of its first and latest run.
+struct RunClock {
+  void tick() {
+    const uint64_t now = Cycles::rdtsc();
+    if (runs.load() == 0) first = now;
+    last = now;
+    runs.fetch_add(1);
+  }
+  uint64_t spanUs() const { return Cycles::toMicroseconds(last.load() - first.load()); }
+
+  std::atomic<int> runs{0};
+  std::atomic<uint64_t> first{0};
+  std::atomic<uint64_t> last{0};
+};
+
 // A user task implemented directly on the interface.
 class CountingTask : public RealTimeTask {
  public:
@@ -467,28 +482,20 @@ TEST(PeriodicThreadTest, CpuOutsideTheSetFailsCreationAndSaysSo) {
 
 TEST(PeriodicThreadTest, PoolThreadWakesEveryFiveMillisecondsUnpinned) {
   REQUIRE_SCHED_FIFO();
+  RunClock clock;
   PeriodicThread pool(5000, "ThreadInPoolWithPeriodOf5ms", ScheduleMethod::Sequential, -1, 80);
-  std::atomic<int> runs{0};
-  std::atomic<uint64_t> firstRun{0}, lastRun{0};
   pool.addTask(
-      "pooled",
-      [&] {
-        const uint64_t now = Cycles::rdtsc();
-        if (runs.load() == 0) firstRun = now;
-        lastRun = now;
-        runs.fetch_add(1);
-      },
-      0, 1000000, false);
+      "pooled", [&] { clock.tick(); }, 0, 1000000, false);
   cpu_set_t process;
   ASSERT_EQ(sched_getaffinity(0, sizeof(process), &process), 0);
   const cpu_set_t affinity = pool.getCpuAffinity();
   EXPECT_TRUE(CPU_EQUAL(&process, &affinity)) << "an unpinned thread keeps the process's CPUs";
   pool.start(0);
-  ASSERT_TRUE(waitFor([&] { return runs.load() >= 11; }));
+  ASSERT_TRUE(waitFor([&] { return clock.runs.load() >= 11; }));
   pool.stop();
   pool.join();
   // Ten periods between the first and the eleventh run: at least about 50 ms.
-  EXPECT_GE(Cycles::toMicroseconds(lastRun - firstRun), 45000u * (runs.load() - 1) / 10);
+  EXPECT_GE(clock.spanUs(), 45000u * (clock.runs.load() - 1) / 10);
 }
 
 TEST(PeriodicThreadTest, PinnedThreadRunsOnItsCpu) {
@@ -580,48 +587,35 @@ TEST(PeriodicThreadTest, StopIsSeenAtTheNextCycleAndJoinReturns) {
 
 TEST(PeriodicThreadTest, SetPeriodIgnoresValuesBelowOne) {
   REQUIRE_SCHED_FIFO();
+  RunClock clock;
   ThreadUnderTest t(2000);
   EXPECT_EQ(t->setPeriod(0), 0);
   EXPECT_EQ(t->setPeriod(-5), 0);
-  std::atomic<int> runs{0};
-  std::atomic<uint64_t> first{0}, last{0};
   t->addTask(
-      "tick",
-      [&] {
-        const uint64_t now = Cycles::rdtsc();
-        if (runs.load() == 0) first = now;
-        last = now;
-        runs.fetch_add(1);
-      },
-      0, 1000000, false);
+      "tick", [&] { clock.tick(); }, 0, 1000000, false);
   t->start(0);
-  ASSERT_TRUE(waitFor([&] { return runs.load() >= 11; }));
+  ASSERT_TRUE(waitFor([&] { return clock.runs.load() >= 11; }));
   // Still a 2 ms period: ten intervals take at least about 20 ms.
-  EXPECT_GE(Cycles::toMicroseconds(last - first), 18000u);
+  EXPECT_GE(clock.spanUs(), 18000u);
 }
 
 TEST(PeriodicThreadTest, SetPeriodTakesEffectAtTheNextDeadline) {
   REQUIRE_SCHED_FIFO();
-  std::atomic<int> runs{0};
-  std::atomic<uint64_t> first{0}, last{0};
+  RunClock clock;
   std::atomic<bool> measuring{false};
   ThreadUnderTest t(1000);
   t->addTask(
       "tick",
       [&] {
-        if (!measuring.load()) return;
-        const uint64_t now = Cycles::rdtsc();
-        if (runs.load() == 0) first = now;
-        last = now;
-        runs.fetch_add(1);
+        if (measuring.load()) clock.tick();
       },
       0, 1000000, false);
   t->start(0);
   EXPECT_EQ(t->setPeriod(5000), 0);
   ASSERT_TRUE(waitFor([&] { return t->getWakeStatistics().wakeCount >= 3; }));
   measuring = true;
-  ASSERT_TRUE(waitFor([&] { return runs.load() >= 6; }));
-  EXPECT_GE(Cycles::toMicroseconds(last - first), 22500u);  // five 5 ms intervals, generously
+  ASSERT_TRUE(waitFor([&] { return clock.runs.load() >= 6; }));
+  EXPECT_GE(clock.spanUs(), 22500u);  // five 5 ms intervals, generously
 }
 
 TEST(PeriodicThreadTest, MissedDeadlinesAreSkippedAndCountedNotCaughtUp) {

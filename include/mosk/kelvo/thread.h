@@ -183,8 +183,9 @@ class KELVO_EXPORT PeriodicThread {
   struct PrivateData;
 
   // Creates the thread at once, paused: SCHED_FIFO at `priority` (explicit scheduling, not
-  // inherited), pinned to `cpu` unless it is -1, named `name` (the kernel keeps 15
-  // characters). `period` is in microseconds. The name is copied. If the thread cannot be
+  // inherited), pinned to `cpu` unless it is -1, named after the first 15 characters of `name`
+  // (the kernel's limit). `period` is in microseconds; a period of 0 runs cycles back to back.
+  // The name is copied (a null name counts as empty). If the thread cannot be
   // created (usually: no permission for SCHED_FIFO, or a CPU outside 0..1023), the constructor
   // prints "pthread_create FAILED(<errno>): <text>" to standard output and the object stays
   // without a thread: addTask then waits forever, so check your privileges first.
