@@ -1,10 +1,32 @@
 #include "mosk/kelvo/cycles.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+
+namespace {
+// Calls of gettimeofday left before one fails with EFAULT; -1 means it never fails.
+std::atomic<int> callsBeforeClockFailure{-1};
+}  // namespace
+
+// The library's calls to gettimeofday bind to this definition (the executable's symbol takes
+// precedence over the C library's), so a test can make the wall clock fail. Until it does, this
+// is the real clock; calibration at load time goes through it too.
+extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict tz) noexcept {
+  const int remaining = callsBeforeClockFailure.load();
+  if (remaining == 0) {
+    errno = EFAULT;
+    return -1;
+  }
+  if (remaining > 0) callsBeforeClockFailure.store(remaining - 1);
+  return static_cast<int>(syscall(SYS_gettimeofday, tv, tz));
+}
 
 namespace mosk::kelvo {
 namespace {
@@ -24,6 +46,25 @@ TEST(CyclesTest, SecondInitChangesNothing) {
   Cycles::init();
   EXPECT_EQ(Cycles::cyclesPerSec, rate);
   EXPECT_EQ(Cycles::startTick, start);
+}
+
+// Recalibrates with a wall clock that fails after `successfulCalls` reads; never returns.
+void calibrateWithFailingClock(int successfulCalls) {
+  Cycles::cyclesPerSec = 0;
+  callsBeforeClockFailure.store(successfulCalls);
+  Cycles::init();
+}
+
+TEST(CyclesDeathTest, ClockFailureAtTheStartOfAMeasurementAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(calibrateWithFailingClock(0),
+               "^Cycles::init couldn't read clock: Bad addresssrc/cycles:136\n$");
+}
+
+TEST(CyclesDeathTest, ClockFailureAtTheEndOfAMeasurementAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(calibrateWithFailingClock(1),
+               "^Cycles::init couldn't read clock: Bad addresssrc/cycles:142\n$");
 }
 
 TEST(CyclesTest, MockFieldsStartAtZeroAndAreNotConsulted) {
