@@ -15,6 +15,11 @@
 // The mock fields (mockCyclesPerSec, mockTscValue) are storage for callers' own test doubles:
 // no function of this class consults them, and rdtsc() is always a real counter read.
 //
+// Requires an x86-64 processor whose time-stamp counter runs at a constant rate and is
+// synchronised across cores (an "invariant TSC", as on current processors): counter values
+// read on different cores are compared directly, and there is no fallback clock for processors
+// without one.
+//
 // Threading: after load-time calibration every field is read-only, so every function may be
 // called from any thread, including real-time loops (no allocation, no lock, no system call).
 #ifndef MOSK_KELVO_CYCLES_H_
