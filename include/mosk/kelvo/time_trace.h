@@ -40,10 +40,14 @@
 //   with release ordering; a printer raises readerCount, then reads writeIndex once with acquire
 //   ordering and never reads the slot at that index. So a record that passed the readerCount
 //   check just before a printer raised it writes into the slot the printer skips, and every
-//   event published before the print is seen whole. (A store buffer may let the owner's next
-//   record also slip past the check and land in the following slot; that one event may then
-//   show up in the print or be lost, never undefined behaviour.) The check of readerCount uses
-//   acquire ordering, so that slots a printer has read are only overwritten after it is done.
+//   event published before the print is seen whole. (Recording takes no fence, so a store
+//   buffer may let the owner's next record or two also slip past the check and land in the
+//   slot after the one the printer skips: the slot the printer reads first. That print may then
+//   show such an event with some fields of the event it overwrites, or, when the ring has not
+//   wrapped yet, take the ring for wrapped and show only that event instead of the ring's
+//   history. The window is a few nanoseconds at the start of a print and the next print is
+//   whole again; there is never undefined behaviour.) The check of readerCount uses acquire
+//   ordering, so that slots a printer has read are only overwritten after it is done.
 // - `mutex` guards `threadBuffers` and `filename` only; it is never held during the merge, and
 //   never taken by recording. Do not call printInternal() while holding it.
 // - keepOldEvents is a plain flag: set it before printing, not during a print.
