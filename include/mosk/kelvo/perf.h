@@ -3,8 +3,9 @@
 // Statistics: computeStatistics reduces an array of unsigned 64-bit samples (cycle counts or any
 // unit) to a Statistics record: count, integer mean and standard deviation, minimum, median,
 // deciles, the 99th, 99.9th and 99.99th percentiles and the maximum. The samples are sorted in
-// place. Percentile p is the sorted sample at index (int)(p * count); the median is the sample
-// at index count / 2 (the upper middle one for an even count), so p50 equals the median.
+// place. Percentile p is the sorted sample at index (int)(p * count) (a 64-bit index from 2^31
+// samples up, where a 32-bit one would be negative); the median is the sample at index
+// count / 2 (the upper middle one for an even count), so p50 equals the median.
 // transformStatistics maps a record through a unit conversion (count is kept). printStatistics
 // prints a record as a CSV row on standard output, preceded once per process by the header
 // "Benchmark,Count,Avg,Stddev,Median,Min,99%,99.9%,99.99%,Max"; its second form also writes the
