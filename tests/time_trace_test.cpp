@@ -239,7 +239,7 @@ TEST_F(TimeTraceTest, ExactlyFullRingStartsAfterTheWriteSlot) {
   for (uint32_t i = 0; i < 8192; ++i) ring->record(1000 + i, "e%u", i);
   EXPECT_EQ(ring->writeIndex.load(), 0);
   const std::string trace = ring->getTrace();
-  // Slot 0 (the newest event, e0 overwritten by nothing yet: it is the write slot) is skipped.
+  // Slot 0 is the write slot: it still holds the oldest event, e0, which is never printed.
   EXPECT_NE(trace.find("START_CYCLES 1001\n\n     0.0 us (+   0.0 us): e1\n"), std::string::npos);
   EXPECT_EQ(trace.find(": e0\n"), std::string::npos);
   EXPECT_EQ(trace.substr(trace.rfind('\n') + 1), "     8.2 us (+   0.0 us): e8191");
