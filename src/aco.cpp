@@ -66,7 +66,8 @@ KELVO_ACO_TLS aco_coroutine* aco_gtls_co = nullptr;
 KELVO_ACO_TLS uint64_t aco_gtls_fpucw_mxcsr = 0;
 KELVO_ACO_TLS aco_cofuncp_t aco_gtls_last_word_fp = aco_default_protector_last_word;
 
-// acosw under a hidden name (same code, acosw.S): the library's calls skip the PLT.
+// A hidden twin of acosw (same code, its own copy in acosw.S): aco_resume's switch skips the
+// PLT and has an indirect jump of its own, separate from the one coroutines yield through.
 extern "C" __attribute__((visibility("hidden"))) void kelvo_acosw_local(aco_coroutine* from,
                                                                         aco_coroutine* to);
 
@@ -333,6 +334,15 @@ __attribute__((noinline)) void handOverShareStack(aco_coroutine* co, aco_share_s
   restoreStack(co, s);
 }
 
+#if !(KELVO_ACO_ASAN || KELVO_ACO_TSAN)
+// aco_resume's path for a coroutine that does not own its share stack yet. Out of line, so
+// that the common path (the owner resumed again) needs no stack frame at all.
+__attribute__((noinline)) void handOverAndSwitch(aco_coroutine* co) {
+  handOverShareStack(co, co->share_stack);
+  kelvo_acosw_local(co->main_co, co);
+}
+#endif
+
 }  // namespace
 
 extern "C" {
@@ -463,8 +473,8 @@ aco_coroutine* aco_create(aco_coroutine* main_co, aco_share_stack* share_stack,
 void aco_resume(aco_coroutine* co) {
   abortUnless(co != nullptr && co->main_co != nullptr && co->is_end == 0);
   aco_share_stack* s = co->share_stack;
-  if (__builtin_expect(s->owner != co, 0)) handOverShareStack(co, s);
 #if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+  if (s->owner != co) handOverShareStack(co, s);
   aco_coroutine* main_co = co->main_co;
   aco_gtls_co = co;
   switchInto(main_co, co);
@@ -472,7 +482,8 @@ void aco_resume(aco_coroutine* co) {
 #else
   // acosw makes `co` current, and the switch back to the main coroutine (yield, exit, or a
   // plain acosw) makes the main coroutine current again: nothing is left to do afterwards, so
-  // this is a tail call and the coroutine's switch back lands directly in our caller.
+  // both paths end in a tail call and the coroutine's switch back lands directly in our caller.
+  if (__builtin_expect(s->owner != co, 0)) return handOverAndSwitch(co);
   kelvo_acosw_local(co->main_co, co);
 #endif
 }

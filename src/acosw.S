@@ -19,17 +19,15 @@
  * address and the stack pointer it will have after returning are what gets saved. The side
  * that continues is entered by an indirect jump, either after its own acosw call or, for a
  * fresh coroutine, at the start of its body with the stack pointer on the share stack's
- * return slot. */
-        .globl  acosw
-        .type   acosw, @function
-        /* The library's own calls use this hidden alias: a direct call, no PLT indirection. */
-        .globl  kelvo_acosw_local
-        .hidden kelvo_acosw_local
-        .type   kelvo_acosw_local, @function
-        .p2align 4
-acosw:
-kelvo_acosw_local:
-        .cfi_startproc
+ * return slot.
+ *
+ * The code is emitted twice: as acosw, which coroutines call to yield or exit, and as the
+ * hidden kelvo_acosw_local, which aco_resume tail-calls (a direct jump, no PLT). Two copies
+ * give the two directions of a resume/yield round trip an indirect jump each: each one then
+ * goes to the same place every time (into the coroutine, back to the resumer) and the branch
+ * predictor gets it right, where one shared jump alternating between the two targets is
+ * mispredicted whenever the history does not tell the directions apart. */
+        .macro  ACO_SWITCH
         movq    (%rsp), %rcx            /* return address of this call */
         leaq    8(%rsp), %rdx           /* caller's stack pointer once we have returned */
         movq    %r12, 0(%rdi)
@@ -63,8 +61,25 @@ kelvo_acosw_local:
 
         movq    %rdx, %rsp
         jmpq    *%rcx
+        .endm
+
+        .globl  acosw
+        .type   acosw, @function
+        .p2align 4
+acosw:
+        .cfi_startproc
+        ACO_SWITCH
         .cfi_endproc
         .size   acosw, .-acosw
+
+        .globl  kelvo_acosw_local
+        .hidden kelvo_acosw_local
+        .type   kelvo_acosw_local, @function
+        .p2align 4
+kelvo_acosw_local:
+        .cfi_startproc
+        ACO_SWITCH
+        .cfi_endproc
         .size   kelvo_acosw_local, .-kelvo_acosw_local
 
 /* void aco_save_fpucw_mxcsr(void* p): x87 control word at byte 0, MXCSR at byte 4. */
