@@ -154,7 +154,8 @@ KELVO_EXPORT extern __thread aco_cofuncp_t aco_gtls_last_word_fp
 
 /* Captures the calling thread's FPU control word and MXCSR; installs last_word_co_fp as the
  * thread's last-word handler unless it is NULL. Call on a thread before creating non-main
- * coroutines there. */
+ * coroutines there: without it, aco_gtls_fpucw_mxcsr is still 0 and new coroutines start with
+ * every floating-point exception unmasked (the first inexact result raises SIGFPE). */
 KELVO_EXPORT void aco_thread_init(aco_cofuncp_t last_word_co_fp);
 
 /* aco_share_stack_new2(size, 1). */
