@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -797,6 +798,39 @@ TEST_F(AcoDeathTest, CreatingWithoutShareStackAborts) {
 TEST_F(AcoDeathTest, FailedSaveStackAllocationPrintsTheMessage) {
   EXPECT_DEATH(aco_create(main_co_, stack_, size_t{1} << 60, exitAtOnce, nullptr),
                "Aborting: failed to allocate memory: src/aco:355:aco_create\n");
+}
+
+// Caps the address space just above what the process maps now, so that the next large
+// allocation fails. Only for the child of a death test.
+void capAddressSpace() {
+  long pages = 0;
+  std::FILE* statm = std::fopen("/proc/self/statm", "r");
+  if (statm == nullptr || std::fscanf(statm, "%ld", &pages) != 1) std::_Exit(3);
+  std::fclose(statm);
+  const rlim_t limit = static_cast<rlim_t>(pages) * kPage + 256 * 1024;
+  const rlimit cap{limit, limit};
+  if (setrlimit(RLIMIT_AS, &cap) != 0) std::_Exit(4);
+}
+
+TEST_F(AcoDeathTest, FailedSaveStackGrowthPrintsTheMessage) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers reserve more address space than any cap allows";
+#endif
+  // An owner with 1 MiB live below the return slot: copying it out needs a 1 MiB save stack.
+  aco_coroutine* victim = create(exitAtOnce);
+  aco_coroutine* other = create(yieldForever);
+  constexpr size_t kLive = 1024 * 1024;
+  victim->saved_regs[5] = static_cast<char*>(stack_->return_slot) - kLive;
+  stack_->owner = victim;
+  stack_->valid_size = kLive + 8;
+  EXPECT_DEATH(
+      {
+        capAddressSpace();
+        aco_resume(other);
+      },
+      "Aborting: failed to allocate memory: src/aco:414:aco_resume\n");
+  stack_->owner = nullptr;
+  stack_->valid_size = 0;
 }
 
 TEST_F(AcoDeathTest, YieldingOrExitingFromTheMainCoroutineAborts) {
