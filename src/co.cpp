@@ -173,7 +173,10 @@ unsigned int create(std::function<void()> f, uint64_t stack_size) {
     return static_cast<unsigned int>(ord->routines.size());
   }
   const uint32_t id = ord->indexes.front();
-  Routine* routine = ord->routines[id - 1];
+  // An id that was never handed out (recycle(0), or one beyond the table) has no routine:
+  // it fails the same check as an empty slot instead of reading outside the table.
+  const bool inTable = id >= 1 && id - 1 < ord->routines.size();
+  Routine* routine = inTable ? ord->routines[id - 1] : nullptr;
   KELVO_ASSERT_AT(routine != nullptr, "routine != nullptr", kPath, 77);
   freeRoutine(routine);
   ord->routines[id - 1] = nullptr;

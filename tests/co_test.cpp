@@ -356,6 +356,17 @@ TEST_F(CoDeathTest, ReusingTheIdOfAnEmptySlotAborts) {
                AssertionMessage("routine != nullptr", 77));
 }
 
+TEST_F(CoDeathTest, ReusingAnIdThatWasNeverHandedOutAborts) {
+  for (unsigned int id : {0u, 7u}) {
+    EXPECT_DEATH(RunOnFreshThread([id] {
+                   co::create([] {}, kStackSize);
+                   co::recycle(id);
+                   co::create([] {}, kStackSize);
+                 }),
+                 AssertionMessage("routine != nullptr", 77));
+  }
+}
+
 // A real overrun would write into memory beside the stack before the check can run (and under
 // the sanitizers it faults first), so the test moves the recorded stack base up by a whole
 // stack size instead: the running coroutine then sits deeper below the recorded top than its

@@ -112,7 +112,9 @@ KELVO_EXPORT unsigned int current();
 KELVO_EXPORT bool finished(unsigned int id);
 
 // Queues `id` for reuse by a later create() (first in, first out). The coroutine is freed only
-// then. Recycle an id once, and only an id of this thread.
+// then. Recycle an id once, and only an id of this thread: when create() reaches an id that
+// has no coroutine (already reused, never handed out, or 0) it aborts with the
+// "routine != nullptr" assertion.
 KELVO_EXPORT void recycle(unsigned int id);
 
 // Status of coroutine `id` (1, 2 or 3); aborts when `id` is out of range or its slot is empty.
