@@ -64,7 +64,8 @@ bool inItem(const char* marker, const char* comma) {
 }  // namespace
 
 int cpulist_parse(const char* str, cpu_set_t* set, size_t setsize, int fail) {
-  std::memset(set, 0, setsize);
+  auto* bytes = reinterpret_cast<unsigned char*>(set);  // bit n is bit n % 8 of byte n / 8
+  std::memset(bytes, 0, setsize);
   if (str == nullptr) return 0;
   int lastRead = 0;  // conversions of the last "%u%c": 2 means text followed the number
   for (const char *p = str, *q = nextItem(str); p != nullptr;
@@ -86,7 +87,9 @@ int cpulist_parse(const char* str, cpu_set_t* set, size_t setsize, int fail) {
     if (first > last) return 1;
     for (uint32_t cpu = first;; cpu += stride) {
       if (fail && cpu >= 8 * setsize) return 2;
-      if (cpu / 8 < setsize) CPU_SET_S(cpu, setsize, set);
+      // Byte by byte, not CPU_SET_S: that macro reads and writes whole 64-bit words, which
+      // reaches past a set whose size is not a multiple of 8 bytes.
+      if (cpu / 8 < setsize) bytes[cpu / 8] |= static_cast<unsigned char>(1u << (cpu % 8));
       if (last - cpu < stride) break;  // the next step would pass `last` (or wrap)
     }
   }

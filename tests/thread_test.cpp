@@ -150,6 +150,25 @@ TEST(CpulistParseTest, NonNumericItemIsAnError) {
   EXPECT_EQ(parse("1-4:x").code, 1);
 }
 
+// A set of a few bytes (not a whole number of 64-bit words) is written byte by byte: nothing
+// outside `setsize` bytes is read or written (AddressSanitizer checks the exact-size buffer).
+TEST(CpulistParseTest, SetOfOneByteIsTouchedOnlyWithinItsSize) {
+  std::unique_ptr<unsigned char[]> one(new unsigned char[1]);
+  auto* set = reinterpret_cast<cpu_set_t*>(one.get());
+  EXPECT_EQ(cpulist_parse("0,3,7,8-20", set, 1, 0), 0);
+  EXPECT_EQ(one[0], 0x89);  // bits 0, 3 and 7
+  EXPECT_EQ(cpulist_parse("6", set, 1, 1), 0);
+  EXPECT_EQ(one[0], 0x40);
+
+  std::unique_ptr<unsigned char[]> twelve(new unsigned char[12]);
+  set = reinterpret_cast<cpu_set_t*>(twelve.get());
+  EXPECT_EQ(cpulist_parse("70,95", set, 12, 1), 0);
+  for (size_t i = 0; i < 12; ++i) {
+    EXPECT_EQ(twelve[i], i == 8 ? 0x40 : i == 11 ? 0x80 : 0) << "byte " << i;
+  }
+  EXPECT_EQ(cpulist_parse("96", set, 12, 1), 2);
+}
+
 TEST(CpulistParseTest, RangeEndingAtTheLargestNumberTerminates) {
   const ParseResult r = parse("4294967290-4294967295", 8, 0);
   EXPECT_EQ(r.code, 0);
