@@ -101,7 +101,11 @@ int main() {
   // stacks are faulted in at once), so it usually overshoots the pass limit once.
   thread.start(/*limitUs=*/800);
   std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
-  thread.pause();  // keep the trace ring alive and stop recording task runs
+  // Stop and join before reading what the tasks wrote (latency samples, controller state):
+  // pause() is only seen at the next period, so a pass may still be running after it returns.
+  // The thread's time-trace ring outlives the thread, and the counters stay readable.
+  thread.stop();  // always stop and join: the destructor does neither
+  thread.join();
 
   std::printf("status:\n%s", thread.getStatus());
   std::printf("warnings:\n%s", thread.getWarning());
@@ -128,8 +132,5 @@ int main() {
   std::printf("%s\n...\n", trace.substr(0, end).c_str());
   std::printf("position reached: %.3f (gain set by the run-once initialiser: %.1f)\n", position,
               gain);
-
-  thread.stop();  // always stop and join: the destructor does neither
-  thread.join();
   return 0;
 }
