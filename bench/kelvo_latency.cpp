@@ -2,7 +2,7 @@
 // own threads (how late each wake-up comes after its absolute deadline), with the same set-up:
 // memory locked and the DMA latency target held at 0 (PeriodicThread::setLatencyTarget()).
 //
-//   kelvo-latency [-i period_us] [-p priority] [-a cpu] [-D seconds] [-q]
+//   kelvo-latency [-i period_us] [-p priority] [-a cpu] [-D seconds]
 //
 // Prints the sample count and min, p50, p99, p99.9 and max in microseconds, one line:
 //   kelvo  samples=9999 min=2.1 p50=3.4 p99=6.0 p99.9=9.8 max=21.3 (us)

@@ -28,6 +28,9 @@
 // - Diagnostics may be read from any thread; counters are relaxed atomics.
 // - Only the loop thread runs tasks. yield(), yield1() and check_co() act on the calling
 //   thread.
+// - The loop sleeps with clock_nanosleep(TIMER_ABSTIME) and does not check its result: a sleep
+//   cut short by a signal handler starts that cycle early. Later deadlines stay on the same
+//   grid; the load of that cycle reads as a huge value (its elapsed time is negative).
 #ifndef MOSK_KELVO_THREAD_H_
 #define MOSK_KELVO_THREAD_H_
 
@@ -147,7 +150,7 @@ class KELVO_EXPORT RealTimeTaskWrapper : public RealTimeTaskApi {
   const bool useCoroutine = true;
   std::atomic<int32_t> runState{kDone};
   const std::shared_ptr<RealTimeTask> task;
-  std::atomic<uint64_t> totalRuntimeUs{0};
+  std::atomic<uint64_t> totalRuntimeUs{0};  // starts at 0, so the first average is exact
   std::atomic<uint64_t> overshootCount{0};
   std::atomic<uint64_t> maxRuntimeUs{0};
   std::atomic<uint64_t> runCount{0};
@@ -173,6 +176,7 @@ struct WakeStatistics {
   uint64_t missed;              // deadlines skipped because a cycle ran past them
   uint64_t threadWarningTimes;  // passes that reached the per-pass limit
   double load;                  // elapsed part of the last period when the loop went to sleep
+                                // (0 before the first cycle and for a period of 0)
   int64_t lastLatencyNs;        // how late the latest wake-up came after its deadline
   int64_t maxLatencyNs;         // the worst lateness of any wake-up so far
 };
