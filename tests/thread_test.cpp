@@ -513,8 +513,8 @@ TEST(PeriodicThreadTest, PoolThreadWakesEveryFiveMillisecondsUnpinned) {
   ASSERT_TRUE(waitFor([&] { return clock.runs.load() >= 11; }));
   pool.stop();
   pool.join();
-  // Ten periods between the first and the eleventh run: at least about 50 ms.
-  EXPECT_GE(clock.spanUs(), 45000u * (clock.runs.load() - 1) / 10);
+  // Ten periods between the first and the eleventh run: about 50 ms.
+  EXPECT_GE(clock.spanUs(), 40000u * (clock.runs.load() - 1) / 10);  // room for a late start
 }
 
 TEST(PeriodicThreadTest, PinnedThreadRunsOnItsCpu) {

@@ -192,7 +192,8 @@ class KELVO_EXPORT PeriodicThread {
   // The name is copied (a null name counts as empty). If the thread cannot be
   // created (usually: no permission for SCHED_FIFO, or a CPU outside 0..1023), the constructor
   // prints "pthread_create FAILED(<errno>): <text>" to standard output and the object stays
-  // without a thread: addTask then waits forever, so check your privileges first.
+  // without a thread (and unnamed: there is nothing to name): addTask then waits forever, so
+  // check your privileges first.
   PeriodicThread(unsigned int period, const char* name, ScheduleMethod method, int cpu,
                  int priority);
   // Releases the tasks but neither stops nor joins the thread: call stop() and join() first.
@@ -226,7 +227,8 @@ class KELVO_EXPORT PeriodicThread {
   // Adds a task; waits (polling every 100 ms) until the loop thread has started. Sequential
   // threads append; priority threads insert before the first task of lower priority. The
   // task's init() is called after insertion. A run-once task is removed after its first
-  // complete run.
+  // complete run. Registry calls ask tasks for getName() and getPriority() while holding the
+  // registry's mutex: those getters must not call back into the registry.
   void addTask(std::shared_ptr<RealTimeTask> task, bool runOnce = false);
   // Wraps `fn` in a RealTimeTaskInternal, adds it and returns it. `expectedMaxRuntime` is in
   // microseconds (0 flags every run as an overshoot).
