@@ -39,10 +39,21 @@ int setThreadName(const char* name) {
 
 long gettid() { return syscall(SYS_gettid); }
 
-int pinThreadToCore(int core) {
+namespace {
+
+// A 1024-CPU set holding only `cpu`, or an empty one (which the kernel refuses) when `cpu` is
+// outside 0..1023.
+cpu_set_t singleCpuSet(int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (core >= 0 && core <= 1023) CPU_SET(core, &set);
+  if (cpu >= 0 && cpu <= 1023) CPU_SET(cpu, &set);
+  return set;
+}
+
+}  // namespace
+
+int pinThreadToCore(int core) {
+  cpu_set_t set = singleCpuSet(core);
   if (sched_setaffinity(0, sizeof(set), &set) != 0) return -1;
   CPU_ZERO(&set);
   return sched_getaffinity(0, sizeof(set), &set) == 0 ? 0 : -2;
@@ -383,7 +394,7 @@ struct PeriodicThread::PrivateData {
   std::vector<WrapperPtr> tasks;                         // registryMutex
   std::atomic<TaskSnapshot*> pendingSnapshot{nullptr};   // caller -> loop
   std::atomic<TaskSnapshot*> retiredSnapshots{nullptr};  // loop -> caller
-  TaskSnapshot* loopSnapshot = nullptr;                  // loop thread
+  TaskSnapshot* loopSnapshot = new TaskSnapshot();       // loop thread; never null
   std::atomic<aco_coroutine*> mainCo{nullptr};
   ErrorMailbox errors;
 };
@@ -438,25 +449,21 @@ bool PeriodicThread::PrivateData::runPasses() {
     purgeFlaggedTasks();
     const uint64_t passStart = Cycles::rdtsc();
     bool allDone = true;
-    if (loopSnapshot != nullptr) {
-      if (traceEnabled.load(kRelaxed)) {
-        const auto live =
-            std::count_if(loopSnapshot->tasks.begin(), loopSnapshot->tasks.end(),
-                          [](const WrapperPtr& w) { return !w->purged.load(kRelaxed); });
-        trace("Task FRAME ++++++++++ started, %d tasks", static_cast<uint32_t>(live));
-      }
-      const std::vector<WrapperPtr>& tasks = loopSnapshot->tasks;
-      int index = 0;
-      for (size_t i = 0; i < tasks.size(); ++i) {
-        if (i + 1 < tasks.size()) prefetchTask(*tasks[i + 1]);
-        RealTimeTaskWrapper& wrapper = *tasks[i];
-        if (wrapper.purged.load(kRelaxed)) continue;
-        const int position = index++;
-        if (wrapper.runState.load(kRelaxed) != RealTimeTaskWrapper::kReady) continue;
-        runTask(wrapper, position, allDone);
-      }
-    } else {
-      trace("Task FRAME ++++++++++ started, %d tasks", 0);
+    const std::vector<WrapperPtr>& tasks = loopSnapshot->tasks;
+    if (traceEnabled.load(kRelaxed)) {
+      const auto live = std::count_if(tasks.begin(), tasks.end(), [](const WrapperPtr& w) {
+        return !w->purged.load(kRelaxed);
+      });
+      trace("Task FRAME ++++++++++ started, %d tasks", static_cast<uint32_t>(live));
+    }
+    int index = 0;
+    for (size_t i = 0; i < tasks.size(); ++i) {
+      if (i + 1 < tasks.size()) prefetchTask(*tasks[i + 1]);
+      RealTimeTaskWrapper& wrapper = *tasks[i];
+      if (wrapper.purged.load(kRelaxed)) continue;
+      const int position = index++;
+      if (wrapper.runState.load(kRelaxed) != RealTimeTaskWrapper::kReady) continue;
+      runTask(wrapper, position, allDone);
     }
     const uint64_t frameUs = Cycles::toMicroseconds(Cycles::rdtsc() - passStart);
     const uint64_t limitUs = frameLimitUs.load(kRelaxed);
@@ -596,25 +603,22 @@ void PeriodicThread::PrivateData::recordWakeUp() {
 void PeriodicThread::PrivateData::pickUpSnapshot() {
   TaskSnapshot* fresh = pendingSnapshot.exchange(nullptr, std::memory_order_acquire);
   if (fresh == nullptr) return;
-  if (TaskSnapshot* old = loopSnapshot) {
-    // Hand the old snapshot back for freeing: the loop neither frees nor locks.
-    old->nextRetired = retiredSnapshots.load(kRelaxed);
-    while (!retiredSnapshots.compare_exchange_weak(old->nextRetired, old, std::memory_order_release,
-                                                   kRelaxed)) {
-    }
+  // Hand the old snapshot back for freeing: the loop neither frees nor locks.
+  TaskSnapshot* old = loopSnapshot;
+  old->nextRetired = retiredSnapshots.load(kRelaxed);
+  while (!retiredSnapshots.compare_exchange_weak(old->nextRetired, old, std::memory_order_release,
+                                                 kRelaxed)) {
   }
   loopSnapshot = fresh;
 }
 
 void PeriodicThread::PrivateData::purgeFlaggedTasks() {
-  if (loopSnapshot == nullptr) return;
   for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
     if (wrapper->deleteFlag.load(kRelaxed)) wrapper->purged.store(true, kRelaxed);
   }
 }
 
 void PeriodicThread::PrivateData::makeEveryTaskReady() {
-  if (loopSnapshot == nullptr) return;
   for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
     wrapper->runState.store(RealTimeTaskWrapper::kReady, kRelaxed);
   }
@@ -686,9 +690,7 @@ PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMe
   param.sched_priority = priority;
   pthread_attr_setschedparam(&attributes, &param);
   if (cpu != -1) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (cpu >= 0 && cpu <= 1023) CPU_SET(cpu, &set);
+    const cpu_set_t set = singleCpuSet(cpu);
     pthread_attr_setaffinity_np(&attributes, sizeof(set), &set);
   }
   auto* handle = new std::shared_ptr<PrivateData>(d_);
@@ -899,13 +901,7 @@ std::string PeriodicThread::getTrace() const { return TimeTrace::getTrace(); }
 void PeriodicThread::printTrace(const char* path) const {
   TimeTrace::setOutputFileName(path);
   if (FILE* file = std::fopen(path, "a")) {
-    std::fputs("Task names: \n", file);
-    std::lock_guard<std::mutex> lock(d_->registryMutex);
-    size_t index = 0;
-    for (const WrapperPtr& wrapper : d_->tasks) {
-      if (wrapper->purged.load(kRelaxed)) continue;
-      std::fprintf(file, "Task %zu: %s\n", index++, wrapper->task->getName().c_str());
-    }
+    std::fputs(getTaskNames().c_str(), file);  // "Task names: \n", then "Task %zu: %s\n" each
     std::fclose(file);
   }
   TimeTrace::print();
