@@ -39,7 +39,7 @@ int lastAllowedCpu() {
   return last;
 }
 
-bool waitForSchedFifo() {
+bool mayUseSchedFifo() {
   // PeriodicThread reports a failed creation on standard output and then has no thread; check
   // first, because addTask() would wait for the thread forever.
   int result = -1;
@@ -50,7 +50,7 @@ bool waitForSchedFifo() {
 }  // namespace
 
 int main() {
-  if (!waitForSchedFifo()) {
+  if (!mayUseSchedFifo()) {
     std::printf("kelvo-demo needs SCHED_FIFO: run it as root or grant CAP_SYS_NICE.\n");
     return 1;
   }

@@ -185,8 +185,7 @@ int mkdir_p(const char* path, uint32_t mode) {
     copy[i] = '/';
     if (!made) return -1;
   }
-  if (mkdir(copy, static_cast<mode_t>(mode)) == 0 || errno == EEXIST) return 0;
-  return -1;
+  return makeDirectory(copy, mode) ? 0 : -1;
 }
 
 int ensureParents(const char* path, uint32_t mode) {

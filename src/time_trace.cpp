@@ -31,10 +31,6 @@ struct RingsOutliveTheRegistry {
   }
 } ringsOutliveTheRegistry;  // defined after the registry, so destroyed before it
 
-}  // namespace
-
-namespace {
-
 using Buffer = TimeTrace::Buffer;
 
 constexpr size_t kHeaderLength = 200;
