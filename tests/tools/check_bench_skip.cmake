@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # Configures the project as a user without the benchmark packages would: the configure must
 # succeed, say which benchmarks it skips, and still build the latency tool.
 file(REMOVE_RECURSE "${WORK_DIR}")

@@ -1,0 +1,40 @@
+cmake_minimum_required(VERSION 3.25)
+# Installs the build into a scratch prefix and runs the installed tools from there with no
+# LD_LIBRARY_PATH: their install rpath ($ORIGIN/../lib) must find the installed library.
+file(REMOVE_RECURSE "${WORK_DIR}")
+set(prefix "${WORK_DIR}/prefix")
+execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}"
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "install failed:\n${out}")
+endif()
+unset(ENV{LD_LIBRARY_PATH})
+string(REPLACE "," ";" TOOLS "${TOOLS}")  # a comma-separated list
+
+foreach(tool ${TOOLS})
+  set(path "${prefix}/bin/${tool}")
+  if(NOT EXISTS "${path}")
+    message(FATAL_ERROR "not installed: bin/${tool}")
+  endif()
+  execute_process(COMMAND readelf -d "${path}" OUTPUT_VARIABLE dynamic)
+  if(NOT dynamic MATCHES "R(UN)?PATH[^\n]*\\$ORIGIN/\\.\\./lib")
+    message(FATAL_ERROR "bin/${tool} has no $ORIGIN/../lib search path:\n${dynamic}")
+  endif()
+  # The dynamic loader lists what it would load, without running the tool.
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env LD_TRACE_LOADED_OBJECTS=1 "${path}"
+                  OUTPUT_VARIABLE loaded ERROR_VARIABLE loaded)
+  string(FIND "${loaded}" "libkelvo.so.0 => ${prefix}/bin/../lib/libkelvo.so.0" found)
+  if(found EQUAL -1)
+    message(FATAL_ERROR "bin/${tool} does not load the installed library:\n${loaded}")
+  endif()
+endforeach()
+
+# And one runs for real: the readiness report exits 0 on any machine.
+if("kelvo-check" IN_LIST TOOLS)
+  execute_process(COMMAND "${prefix}/bin/kelvo-check" RESULT_VARIABLE rc OUTPUT_VARIABLE out
+                  ERROR_VARIABLE out TIMEOUT 120)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "installed kelvo-check failed (${rc}):\n${out}")
+  endif()
+endif()
+file(REMOVE_RECURSE "${WORK_DIR}")
