@@ -2,9 +2,11 @@
 # Installs what kelvo needs to build, test and benchmark on Debian 12, skipping what is there.
 # Run as root. Packages: the compiler and build tools, GoogleTest, Google Benchmark, and the
 # benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests).
+# dpkg-dev computes the Debian packages' dependencies (dpkg-shlibdeps). lintian is not
+# installed (it is heavy); the package test runs it when present.
 set -eu
 packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
-  libbenchmark-dev libssl-dev libboost-context-dev rt-tests"
+  libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

@@ -1,6 +1,6 @@
-cmake_minimum_required(VERSION 3.25)
 # Configures the project as a user without the benchmark packages would: the configure must
 # succeed, say which benchmarks it skips, and still build the latency tool.
+cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE "${WORK_DIR}")
 execute_process(
   COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}" -G "${GENERATOR}"

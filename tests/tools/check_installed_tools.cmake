@@ -1,6 +1,6 @@
-cmake_minimum_required(VERSION 3.25)
 # Installs the build into a scratch prefix and runs the installed tools from there with no
 # LD_LIBRARY_PATH: their install rpath ($ORIGIN/../lib) must find the installed library.
+cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE "${WORK_DIR}")
 set(prefix "${WORK_DIR}/prefix")
 execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}"
