@@ -5,6 +5,9 @@
 #   bench/latency_compare.sh [build_dir] [period_us] [priority] [cpu] [seconds] [rounds]
 #
 # Needs root (SCHED_FIFO, mlockall) and cyclictest (apt-get install rt-tests).
+# With HISTOGRAMS=dir, every run's histogram (cyclictest's -h format, 10000 one-microsecond
+# buckets) is kept as dir/kelvo-<round>.hist and dir/cyclictest-<round>.hist, for
+# scripts/plot-latency.sh.
 set -eu
 build=${1:-build/default}
 period=${2:-1000}
@@ -17,15 +20,23 @@ tool="$build/bench/kelvo-latency"
 [ -x "$tool" ] || { echo "build $tool first (cmake --build --preset default)"; exit 1; }
 command -v cyclictest >/dev/null || { echo "cyclictest missing: apt-get install rt-tests"; exit 1; }
 
+histograms=${HISTOGRAMS:-}
+[ -z "$histograms" ] || mkdir -p "$histograms"
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
 echo "period ${period} us, priority ${priority}, CPU ${cpu}, ${seconds} s per run, ${rounds} rounds"
 round=1
 while [ "$round" -le "$rounds" ]; do
-  "$tool" -i "$period" -p "$priority" -a "$cpu" -D "$seconds" | tee -a "$results"
+  if [ -n "$histograms" ]; then
+    # The histogram goes to the file; the summary line (on standard error then) to the pipe.
+    "$tool" -i "$period" -p "$priority" -a "$cpu" -D "$seconds" -h 10000 2>&1 \
+      >"$histograms/kelvo-$round.hist" | tee -a "$results"
+  else
+    "$tool" -i "$period" -p "$priority" -a "$cpu" -D "$seconds" | tee -a "$results"
+  fi
   # cyclictest's histogram (one line per microsecond bucket) gives the percentiles.
   cyclictest -q -m -t 1 -p "$priority" -i "$period" -a "$cpu" -D "${seconds}s" -h 10000 2>/dev/null |
-    awk '
+    tee "${histograms:-/dev/null}${histograms:+/cyclictest-$round.hist}" | awk '
       /^[0-9]+[ \t]+[0-9]+/ { bucket[$1 + 0] = $2; total += $2; if ($1 + 0 > top) top = $1 + 0 }
       /# Min Latencies/ { min = $NF + 0 }
       /# Max Latencies/ { max = $NF + 0 }

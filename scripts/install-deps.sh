@@ -3,10 +3,12 @@
 # Run as root. Packages: the compiler and build tools, GoogleTest, Google Benchmark, and the
 # benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests).
 # dpkg-dev computes the Debian packages' dependencies (dpkg-shlibdeps). lintian is not
-# installed (it is heavy); the package test runs it when present.
+# installed (it is heavy); the package test runs it when present. gnuplot-nox draws the
+# latency plots (scripts/plot-latency.sh); the build does not need it.
 set -eu
 packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
-  libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev"
+  libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev
+  gnuplot-nox"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
