@@ -5,7 +5,10 @@
 //   - "controller", which runs every period and samples the thread's wake-up latency;
 //   - "planner", a long computation that yield()s to continue in the next period.
 // After a few seconds it prints the thread's status and warnings, the wake-up latency
-// percentiles and histogram, and a slice of the time trace.
+// percentiles and histogram, and a slice of the time trace, and writes the whole trace as
+// Chrome trace-event JSON (open it in ui.perfetto.dev or chrome://tracing).
+//
+//   kelvo-demo [-o trace.json]     (default: kelvo-demo-trace.json in the current directory)
 //
 // Run it as root (or with CAP_SYS_NICE) so that the thread may use SCHED_FIFO.
 #include <mosk/kelvo.h>
@@ -14,7 +17,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,9 +52,30 @@ bool mayUseSchedFifo() {
   return result == 0;
 }
 
+// The trace's JSON file from the command line: none, or "-o path". Exits with 2 otherwise.
+const char* traceJsonPath(int argc, char** argv) {
+  if (argc == 1) return "kelvo-demo-trace.json";
+  if (argc == 3 && std::string(argv[1]) == "-o" && argv[2][0] != '\0') return argv[2];
+  std::fprintf(stderr, "kelvo-demo: bad argument '%s'\nusage: %s [-o trace.json]\n",
+               argc == 3 && std::string(argv[1]) == "-o" ? argv[2] : argv[1], argv[0]);
+  std::exit(2);
+}
+
+// Names the task runs of the trace: the thread runs init, controller and planner in its first
+// period (priority order), controller and planner once init has left.
+std::string taskName(const std::string& thread, uint32_t index, uint32_t tasksInPass) {
+  static const char* const kAll[] = {"init", "controller", "planner"};
+  static const char* const kAfterInit[] = {"controller", "planner"};
+  if (thread != "control") return "";
+  if (tasksInPass == 3 && index < 3) return kAll[index];
+  if (tasksInPass == 2 && index < 2) return kAfterInit[index];
+  return "";
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  const char* jsonPath = traceJsonPath(argc, argv);
   if (!mayUseSchedFifo()) {
     std::printf("kelvo-demo needs SCHED_FIFO: run it as root or grant CAP_SYS_NICE.\n");
     return 1;
@@ -132,5 +158,7 @@ int main() {
   std::printf("%s\n...\n", trace.substr(0, end).c_str());
   std::printf("position reached: %.3f (gain set by the run-once initialiser: %.1f)\n", position,
               gain);
+  if (mosk::kelvo::TimeTrace::writeTraceJson(jsonPath, taskName) != 0) return 1;
+  std::printf("trace for a trace viewer written to %s (open it in ui.perfetto.dev)\n", jsonPath);
   return 0;
 }

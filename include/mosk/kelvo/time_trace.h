@@ -53,11 +53,25 @@
 // - keepOldEvents is a plain flag: set it before printing, not during a print.
 // - reset() may run concurrently with recording without undefined behaviour, but events recorded
 //   during a reset may survive it partially; reset a ring when its thread is quiet.
+//
+// Trace-viewer output: getTraceJson() renders the same merged events (same start-time rule,
+// same order) in the Chrome trace-event JSON format, which Perfetto's UI (ui.perfetto.dev) and
+// chrome://tracing open. Every ring is one track (tid 1, 2, ... in registry order) named after
+// its thread; timestamps are microseconds since the start time, so the first event is at 0;
+// each event's formatted text is its name. The periodic thread's events become slices: a pass
+// runs from its "Task FRAME ..." event to its last task's end (or the next pass), a task run
+// from "Task[i] >>>>>>>> started" to its "<<<<<<<< end" event, named after the task when a
+// TaskNamer knows it, else "Task[i]". A run or pass still open where the ring's events end is
+// closed at its ring's last event. Texts are escaped (quotes, backslashes, control characters;
+// bytes that are not UTF-8 become U+FFFD). A ring's thread name is read (pthread_getname_np)
+// when the ring is created and again when its thread lets go of it, because threads are often
+// named just after they start. Reading a trace as JSON suppresses recording like any print.
 #ifndef MOSK_KELVO_TIME_TRACE_H_
 #define MOSK_KELVO_TIME_TRACE_H_
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -116,10 +130,17 @@ class KELVO_EXPORT TimeTrace {
     // Prints this ring alone to the output file, or standard output (file form).
     void print();
 
+    // The owning thread's name (up to 15 characters), for the JSON output's track names.
+    std::string threadName() const;
+    // Stores the calling thread's current name as this ring's thread name.
+    void captureThreadName();
+
     // Slot that the next event is written to.
     std::atomic<int32_t> writeIndex{0};
     // Number of printers reading this ring; recording is suppressed while above 0.
     std::atomic<int32_t> readerCount{0};
+    // The thread name's 16 bytes (NUL-padded): written by the owning thread, read by printers.
+    std::atomic<uint64_t> threadNameWords[2] = {};
     // Cache-line aligned so that no event straddles two lines.
     alignas(64) Event events[kSize];
   };
@@ -145,6 +166,21 @@ class KELVO_EXPORT TimeTrace {
   static void print();
   // Sets the file that print() appends to; null or empty means standard output.
   static void setOutputFileName(const char* name);
+
+  // Names a task run in getTraceJson(): given the recording thread's name, the task's position
+  // among the tasks of its pass (the i of "Task[i]") and the number of tasks in that pass,
+  // returns the task's name, or an empty string to keep "Task[i]". Positions shift when tasks
+  // are added or removed; the pass size tells the lists apart.
+  using TaskNamer = std::function<std::string(const std::string& threadName, uint32_t taskIndex,
+                                              uint32_t tasksInPass)>;
+  // The merged trace of every registered ring as Chrome trace-event JSON (see above).
+  static std::string getTraceJson(const TaskNamer& taskNamer = nullptr);
+  // Writes getTraceJson() to `path`, replacing the file. 0 on success; -1 (after one line
+  // "TimeTrace: cannot open <file>: <reason>" on standard error) if it cannot be written.
+  static int writeTraceJson(const char* path, const TaskNamer& taskNamer = nullptr);
+  // The JSON of `buffers` alone (the engine behind getTraceJson()).
+  static std::string traceJsonOf(std::vector<Buffer*>* buffers,
+                                 const TaskNamer& taskNamer = nullptr);
 
   // Merges and formats `buffers`: appends to *s when s is not null, otherwise prints to the
   // output file (or standard output).
