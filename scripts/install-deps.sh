@@ -4,12 +4,13 @@
 # benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests).
 # dpkg-dev computes the Debian packages' dependencies (dpkg-shlibdeps). lintian is not
 # installed (it is heavy); the package test runs it when present. gnuplot-nox draws the
-# latency plots (scripts/plot-latency.sh); the build does not need it. nlohmann-json3-dev is
+# latency plots (scripts/plot-latency.sh) and, with python3, the trace timeline picture
+# (scripts/trace-timeline.py); the build needs neither. nlohmann-json3-dev is
 # for the tests only (they parse the trace-viewer JSON).
 set -eu
 packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
   libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev
-  gnuplot-nox nlohmann-json3-dev"
+  gnuplot-nox python3 nlohmann-json3-dev"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

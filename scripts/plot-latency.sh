@@ -2,24 +2,31 @@
 # Plots latency histograms in cyclictest's -h format (from cyclictest -h N, or kelvo-latency
 # -h N) as one curve per run: counts on a log scale against latency in microseconds.
 #
-#   scripts/plot-latency.sh [-t title] -o plot.svg|plot.png [label=]histogram...
+#   scripts/plot-latency.sh [-t title] [-x max_us] -o plot.svg|plot.png [label=]histogram...
 #
 # Each histogram is a file (or label=file; the label defaults to the file's name without its
 # directory and extension). Of a file with several threads, the first thread's column is
-# plotted. The x axis ends a little after the largest bucket with a count in any file. Needs
+# plotted. The x axis ends at max_us, or else a little after the largest bucket with a count in
+# any file (counts beyond it are left out of the picture, not of the files). Needs
 # gnuplot (apt-get install gnuplot-nox).
 set -eu
 
 usage() {
-  echo "usage: $0 [-t title] -o plot.svg|plot.png [label=]histogram..." >&2
+  echo "usage: $0 [-t title] [-x max_us] -o plot.svg|plot.png [label=]histogram..." >&2
   exit 2
 }
 
 title="Wake-up latency"
 output=""
-while getopts "t:o:" option; do
+xlimit=""
+while getopts "t:x:o:" option; do
   case "$option" in
     t) title=$OPTARG ;;
+    x)
+      case "$OPTARG" in
+        '' | *[!0-9]* | 0) echo "$0: bad -x '$OPTARG': a whole number of microseconds above 0" >&2; exit 2 ;;
+      esac
+      xlimit=$OPTARG ;;
     o) output=$OPTARG ;;
     *) usage ;;
   esac
@@ -43,7 +50,7 @@ for argument in "$@"; do
   [ "$last" != none ] || { echo "$0: '$file' holds no histogram lines" >&2; exit 2; }
   [ "$last" -gt "$top" ] && top=$last
 done
-xmax=$((top + top / 10 + 2))
+xmax=${xlimit:-$((top + top / 10 + 2))}
 
 # gnuplot quoting: a label or file name may not contain a double quote.
 curves=""
@@ -52,13 +59,14 @@ for argument in "$@"; do
     *=*) label=${argument%%=*}; file=${argument#*=} ;;
     *) file=$argument; label=$(basename "$file"); label=${label%.*} ;;
   esac
-  case "$label$file" in *'"'*) echo "$0: '$argument': no double quotes, please" >&2; exit 2 ;; esac
+  case "$label$file" in *'"'*) echo "$0: bad histogram '$argument': no double quotes, please" >&2; exit 2 ;; esac
   [ -n "$curves" ] && curves="$curves, "
   curves="$curves\"$file\" using 1:(\$2 > 0 ? \$2 : 1/0) with steps linewidth 2 title \"$label\""
 done
 
 gnuplot <<GNUPLOT
 set terminal $terminal
+set termoption noenhanced
 set output "$output"
 set title "$title"
 set xlabel "latency (us)"
