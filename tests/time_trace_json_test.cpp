@@ -283,20 +283,11 @@ TEST(TraceJsonThreadNameTest, ReadWhenTheRingIsCreatedAndWhenTheThreadLetsGoOfIt
   EXPECT_EQ(atRelease, "second-name");
 }
 
+// Whether this process may run SCHED_FIFO threads (asked on a scratch thread).
 bool mayUseSchedFifo() {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-  pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
-  sched_param param{};
-  param.sched_priority = 1;
-  pthread_attr_setschedparam(&attributes, &param);
-  pthread_t thread;
-  const int result = pthread_create(
-      &thread, &attributes, [](void*) -> void* { return nullptr; }, nullptr);
-  pthread_attr_destroy(&attributes);
-  if (result == 0) pthread_join(thread, nullptr);
-  return result == 0;
+  bool allowed = false;
+  std::thread([&] { allowed = setPriority(10) == 0; }).join();
+  return allowed;
 }
 
 TEST(TraceJsonPeriodicThreadTest, ALoopsTraceShowsPassesAndTaskRunsOnItsThreadsTrack) {

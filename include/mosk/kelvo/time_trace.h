@@ -175,8 +175,9 @@ class KELVO_EXPORT TimeTrace {
                                               uint32_t tasksInPass)>;
   // The merged trace of every registered ring as Chrome trace-event JSON (see above).
   static std::string getTraceJson(const TaskNamer& taskNamer = nullptr);
-  // Writes getTraceJson() to `path`, replacing the file. 0 on success; -1 (after one line
-  // "TimeTrace: cannot open <file>: <reason>" on standard error) if it cannot be written.
+  // Writes getTraceJson() to `path`, replacing the file. 0 on success; -1 after one line on
+  // standard error, "TimeTrace: cannot open <file>: <reason>" or "TimeTrace: cannot write
+  // <file>". Like every output here it allocates: call it outside the real-time path.
   static int writeTraceJson(const char* path, const TaskNamer& taskNamer = nullptr);
   // The JSON of `buffers` alone (the engine behind getTraceJson()).
   static std::string traceJsonOf(std::vector<Buffer*>* buffers,
