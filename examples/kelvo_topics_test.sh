@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# Runs kelvo-topics against real topics made by a helper process: the listing, a topic with
+# a key file but no segment, option validation, and removal (also while a process waits on the
+# topic's condition, which must not hang the tool).
+set -u
+tool="$1"
+helper="$2"
+topic="kt$$-topics"
+waited="kt$$-waited"
+keyonly="kt$$-keyonly"
+status=0
+
+fail() {
+  echo "FAIL: $*"
+  status=1
+}
+
+cleanup() {
+  for t in "$topic" "$waited" "$keyonly"; do
+    "$tool" rm "$t" >/dev/null 2>&1
+    rm -rf "/tmp/topics/$t"
+  done
+}
+trap cleanup EXIT
+
+# A process attached to $topic until its standard input closes.
+coproc ATTACHED { exec "$helper" attach "$topic" 4096; }
+read -t 30 -r line <&"${ATTACHED[0]}"
+[ "$line" = ready ] || fail "helper did not attach: '$line'"
+
+listing=$("$tool")
+echo "$listing"
+echo "$listing" | head -1 | grep -qE '^TOPIC +KEY +SHMID +SIZE +NATTCH +CPID +MAGIC +LOCKS +UNLOCKS +OWNER$' ||
+  fail "header line"
+echo "$listing" | grep -qE "^$topic +0x[0-9a-f]{8} +[0-9]+ +4096 +1 +$ATTACHED_PID +0x1234 +0 +0 +0$" ||
+  fail "listing of $topic"
+
+mkdir -p "/tmp/topics/$keyonly" && touch "/tmp/topics/$keyonly/shmkey"
+"$tool" | grep -qE "^$keyonly .*no segment \(key file only\)$" || fail "key file without segment"
+
+"$tool" --bogus 2>/tmp/kelvo_topics_err.$$ && fail "--bogus accepted"
+grep -q "unknown argument '--bogus'" /tmp/kelvo_topics_err.$$ || fail "--bogus message"
+"$tool" rm 2>/tmp/kelvo_topics_err.$$ && fail "rm without NAME accepted"
+grep -q "rm needs a topic NAME" /tmp/kelvo_topics_err.$$ || fail "rm without NAME message"
+"$tool" rm a b 2>/tmp/kelvo_topics_err.$$ && fail "rm with two names accepted"
+grep -q "unexpected argument 'b'" /tmp/kelvo_topics_err.$$ || fail "rm with two names message"
+"$tool" rm "kt$$-none" 2>/tmp/kelvo_topics_err.$$ && fail "rm of a missing topic succeeded"
+grep -q "no topic 'kt$$-none'" /tmp/kelvo_topics_err.$$ || fail "rm of a missing topic message"
+"$tool" rm ../etc 2>/tmp/kelvo_topics_err.$$ && fail "rm ../etc accepted"
+grep -q "invalid topic name '../etc'" /tmp/kelvo_topics_err.$$ || fail "rm ../etc message"
+"$tool" --help | grep -q "usage: kelvo-topics" || fail "--help"
+rm -f /tmp/kelvo_topics_err.$$
+
+key=$(echo "$listing" | awk -v t="$topic" '$1 == t { print $2 }')
+"$tool" rm "$topic" || fail "rm $topic"
+[ -e "/tmp/topics/$topic" ] && fail "topic directory left behind"
+grep -qiE "^ *$((key)) " /proc/sysvipc/shm && fail "segment still found by its key"
+exec {ATTACHED[1]}>&-
+wait "$ATTACHED_PID"
+
+"$tool" rm "$keyonly" 2>/dev/null || fail "rm of a key-file-only topic"
+[ -e "/tmp/topics/$keyonly" ] && fail "key-only topic directory left behind"
+
+# Removal while a process sits in shm_wait: the tool wakes it instead of hanging.
+waiter_out="/tmp/kelvo_topics_waiter.$$"
+"$helper" wait "$waited" 64 >"$waiter_out" </dev/null &
+waiter_pid=$!
+for _ in $(seq 1 3000); do
+  grep -q '^ready$' "$waiter_out" && grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
+  sleep 0.01
+done
+grep -q '^ready$' "$waiter_out" || fail "waiter did not start"
+timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
+wait "$waiter_pid"
+grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"
+rm -f "$waiter_out"
+
+[ $status -eq 0 ] && echo "kelvo-topics: all checks passed"
+exit $status
