@@ -8,6 +8,8 @@ helper="$2"
 topic="kt$$-topics"
 waited="kt$$-waited"
 keyonly="kt$$-keyonly"
+fifo="/tmp/kelvo_topics_fifo.$$"
+attached_out="/tmp/kelvo_topics_attached.$$"
 status=0
 
 fail() {
@@ -16,6 +18,7 @@ fail() {
 }
 
 cleanup() {
+  rm -f "$fifo" "$attached_out" "/tmp/kelvo_topics_waiter.$$" "/tmp/kelvo_topics_err.$$"
   for t in "$topic" "$waited" "$keyonly"; do
     "$tool" rm "$t" >/dev/null 2>&1
     rm -rf "/tmp/topics/$t"
@@ -23,16 +26,27 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# A process attached to $topic until its standard input closes.
-coproc ATTACHED { exec "$helper" attach "$topic" 4096; }
-read -t 30 -r line <&"${ATTACHED[0]}"
-[ "$line" = ready ] || fail "helper did not attach: '$line'"
+# Waits (up to 30 s) until file $1 holds the line $2.
+await_line() {
+  for _ in $(seq 1 3000); do
+    grep -qx "$2" "$1" 2>/dev/null && return 0
+    sleep 0.01
+  done
+  return 1
+}
+
+# A process attached to $topic until its standard input (a fifo) closes.
+mkfifo "$fifo"
+"$helper" attach "$topic" 4096 <"$fifo" >"$attached_out" &
+attached_pid=$!
+exec 3>"$fifo"
+await_line "$attached_out" ready || fail "helper did not attach"
 
 listing=$("$tool")
 echo "$listing"
 echo "$listing" | head -1 | grep -qE '^TOPIC +KEY +SHMID +SIZE +NATTCH +CPID +MAGIC +LOCKS +UNLOCKS +OWNER$' ||
   fail "header line"
-echo "$listing" | grep -qE "^$topic +0x[0-9a-f]{8} +[0-9]+ +4096 +1 +$ATTACHED_PID +0x1234 +0 +0 +0$" ||
+echo "$listing" | grep -qE "^$topic +0x[0-9a-f]{8} +[0-9]+ +4096 +1 +$attached_pid +0x1234 +0 +0 +0$" ||
   fail "listing of $topic"
 
 mkdir -p "/tmp/topics/$keyonly" && touch "/tmp/topics/$keyonly/shmkey"
@@ -55,8 +69,9 @@ key=$(echo "$listing" | awk -v t="$topic" '$1 == t { print $2 }')
 "$tool" rm "$topic" || fail "rm $topic"
 [ -e "/tmp/topics/$topic" ] && fail "topic directory left behind"
 grep -qiE "^ *$((key)) " /proc/sysvipc/shm && fail "segment still found by its key"
-exec {ATTACHED[1]}>&-
-wait "$ATTACHED_PID"
+exec 3>&-
+wait "$attached_pid"
+rm -f "$fifo" "$attached_out"
 
 "$tool" rm "$keyonly" 2>/dev/null || fail "rm of a key-file-only topic"
 [ -e "/tmp/topics/$keyonly" ] && fail "key-only topic directory left behind"
@@ -65,11 +80,11 @@ wait "$ATTACHED_PID"
 waiter_out="/tmp/kelvo_topics_waiter.$$"
 "$helper" wait "$waited" 64 >"$waiter_out" </dev/null &
 waiter_pid=$!
+await_line "$waiter_out" ready || fail "waiter did not start"
 for _ in $(seq 1 3000); do
-  grep -q '^ready$' "$waiter_out" && grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
+  grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
   sleep 0.01
 done
-grep -q '^ready$' "$waiter_out" || fail "waiter did not start"
 timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
 wait "$waiter_pid"
 grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"

@@ -272,13 +272,8 @@ __thread uint32_t cachedTid __attribute__((tls_model("initial-exec"))) = 0;
 
 void forgetTidInChild() { cachedTid = 0; }
 
-struct ForkHandlerRegistration {
-  ForkHandlerRegistration() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
-} forkHandlerRegistration;
-
-}  // namespace
-
-uint32_t shm_gettid() {
+// The lock functions call this directly rather than through the exported (interposable) symbol.
+inline uint32_t cachedThreadId() {
   uint32_t tid = cachedTid;
   if (__builtin_expect(tid == 0, 0)) {
     tid = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -286,6 +281,30 @@ uint32_t shm_gettid() {
   }
   return tid;
 }
+
+struct ForkHandlerRegistration {
+  ForkHandlerRegistration() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
+} forkHandlerRegistration;
+
+}  // namespace
+
+uint32_t shm_gettid() { return cachedThreadId(); }
+
+namespace {
+
+// shm_rdlock and shm_wrlock: one try, the error number passed on, bookkeeping on success.
+inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  uint32_t tid = cachedThreadId();
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  int rc = tryLock(rwLock(h));
+  if (rc != 0) return rc;
+  noteLocked(h, tid);
+  return 0;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -373,7 +392,7 @@ int shm_disconnect(void* mem) {
 
 int shm_trylock(void* mem) {
   SHM_ASSERT_NOT_NULL(mem, "mem");
-  uint32_t tid = shm_gettid();
+  uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   if (pthread_mutex_trylock(lockMutex(h)) != 0) return -1;
@@ -381,27 +400,9 @@ int shm_trylock(void* mem) {
   return 0;
 }
 
-int shm_rdlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
-  uint32_t tid = shm_gettid();
-  SegmentHeader* h = headerOf(mem);
-  if (!isUsable(h)) return -1;
-  int rc = pthread_rwlock_tryrdlock(rwLock(h));
-  if (rc != 0) return rc;
-  noteLocked(h, tid);
-  return 0;
-}
+int shm_rdlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_tryrdlock); }
 
-int shm_wrlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
-  uint32_t tid = shm_gettid();
-  SegmentHeader* h = headerOf(mem);
-  if (!isUsable(h)) return -1;
-  int rc = pthread_rwlock_trywrlock(rwLock(h));
-  if (rc != 0) return rc;
-  noteLocked(h, tid);
-  return 0;
-}
+int shm_wrlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_trywrlock); }
 
 int shm_unlock(void* mem) {
   SHM_ASSERT_NOT_NULL(mem, "mem");
@@ -414,7 +415,7 @@ int shm_unlock(void* mem) {
 
 int shm_wrunlock(void* mem) {
   SHM_ASSERT_NOT_NULL(mem, "mem");
-  uint32_t tid = shm_gettid();
+  uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   if (loadWord(h, offsetof(SegmentHeader, owner_tid)) != tid) return -2;
@@ -477,7 +478,7 @@ int shm_notify(void* mem) {
 
 int shm_lock(void* mem) {
   SHM_ASSERT_NOT_NULL(mem, "mem");
-  uint32_t tid = shm_gettid();
+  uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   pthread_mutex_lock(lockMutex(h));

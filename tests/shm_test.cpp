@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iostream>
 #include <string>
 #include <thread>
 
@@ -658,6 +659,39 @@ TEST_F(ShmTest, NotifyWithoutWaiterIsNotStored) {
   notifyUntilReported(mem, &waiter);
   EXPECT_EQ(waiter.readLine(), "woken 0");
   EXPECT_EQ(waiter.wait(), 0);
+}
+
+// Removal destroys the condition, which waits for every thread inside a wait on it. The way
+// around: wake the waiters while removing (the magic word is already cleared, so they cannot
+// wait again). kelvo-topics rm does exactly this.
+TEST_F(ShmTest, RemovalWaitsForWaitersUntilTheyAreWoken) {
+  void* mem = connect();
+  auto* cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 116);
+  Child waiter;
+  waiter.exec(helperArgs("wait"));
+  ASSERT_EQ(waiter.readLine(), "ready");
+  ASSERT_TRUE(waiter.waitUntilSleeping());
+  // Another process broadcasts once told to (started before the remover thread exists).
+  Child kicker;
+  kicker.fork([cond] {
+    std::string go;
+    if (!std::getline(std::cin, go)) return kFailed;
+    while (true) {
+      pthread_cond_broadcast(cond);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+
+  std::atomic<int> removed{1};
+  std::thread remover([&] { removed = shm_rm_by_topic(topic_.c_str()); });
+  EXPECT_FALSE(waiter.hasLineWithin(200));
+  EXPECT_EQ(removed.load(), 1);  // still inside shm_rm_by_topic
+  kicker.writeLine("go");
+  remover.join();
+  EXPECT_EQ(removed.load(), 0);
+  EXPECT_EQ(waiter.readLine(), "woken 0");
+  EXPECT_EQ(waiter.wait(), 0);
+  kicker.killAndWait();
 }
 
 // ---- Unusable segments ----------------------------------------------------------------------

@@ -38,6 +38,11 @@
 //    memory but see magic 0, and every lock function returns -1 for them); it removes the key
 //    file only when the descriptor it opens on it is 0, so in practice the key file stays.
 //    shm_rm_by_key refuses (-2) a segment that is still attached.
+//  - shm_rm_by_topic does not return while any thread of any process is inside shm_wait or
+//    shm_timedwait on the segment: destroying the condition waits for its waiters to leave. It
+//    clears magic first, so no new wait starts; wake the waiters already inside (shm_timedwait
+//    ends by itself; for shm_wait, broadcast on the condition until the removal returns, as
+//    kelvo-topics rm does), or stop them before removing.
 //
 // shm_timedwait with a timeout of 0 or less: the deadline is one that has already passed, so
 // the wait times out at once (ETIMEDOUT, with its message) unless it is woken in the instant it
