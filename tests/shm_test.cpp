@@ -25,6 +25,9 @@
 
 using shmtest::Child;
 
+// Defined in shm_plain_gettid.cpp, which sees the library's own global gettid().
+uint32_t threadIdFromPlainGettid();
+
 namespace {
 
 constexpr size_t kSize = 1024;
@@ -144,6 +147,28 @@ TEST_F(ShmTest, ConnectByKeyOnlyLeavesTopicNameEmptyAndConnectByTopicWritesIt) {
   void* byTopic = connect();
   EXPECT_STREQ(shmtest::headerTopic(byKey), topic_.c_str());
   EXPECT_STREQ(shmtest::headerTopic(byTopic), topic_.c_str());
+}
+
+TEST_F(ShmTest, AnExistingUninitialisedSegmentIsInitialisedAndZeroed) {
+  ASSERT_NE(connect(), nullptr);  // makes the key file
+  key_t key = shmtest::existingKey(topic_);
+  shmtest::detachAllSegments();
+  shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);
+  // A segment of the right size whose header and data are garbage, with magic 0.
+  int id = shmget(key, kSize + MEM_HDR_SIZE, IPC_CREAT | 0600);
+  ASSERT_NE(id, -1);
+  auto* raw = static_cast<unsigned char*>(shmat(id, nullptr, 0));
+  std::memset(raw, 0xab, kSize + MEM_HDR_SIZE);
+  std::memset(raw, 0, 4);
+
+  auto* data = static_cast<unsigned char*>(connect());
+  EXPECT_EQ(shmtest::headerU32(data, shmtest::kMagicOffset), 0x1234u);
+  EXPECT_EQ(shmtest::headerU64(data, shmtest::kLockCountOffset), 0u);
+  EXPECT_EQ(shmtest::headerU32(data, shmtest::kOwnerTidOffset), 0u);
+  EXPECT_EQ(shmtest::headerU32(data, 8), 0xababababu);  // reserved, never written
+  for (size_t i = 0; i < kSize; ++i) ASSERT_EQ(data[i], 0) << "byte " << i;
+  EXPECT_EQ(shm_wrlock(data), 0);
+  EXPECT_EQ(shm_wrunlock(data), 0);
 }
 
 TEST_F(ShmTest, AFortyFourByteTopicIsAccepted) {
@@ -338,6 +363,15 @@ TEST(ShmGettid, IsTheKernelThreadIdOnEveryThread) {
   t.join();
   EXPECT_NE(other, shm_gettid());
   EXPECT_EQ(otherKernel, 1u);
+}
+
+TEST(ShmGettid, TheGlobalGettidDeclaredWithoutGnuSourceIsTheSameFunction) {
+  EXPECT_EQ(threadIdFromPlainGettid(), shm_gettid());
+  EXPECT_EQ(threadIdFromPlainGettid(), static_cast<uint32_t>(syscall(SYS_gettid)));
+  uint32_t matches = onOtherThread([] {
+    return threadIdFromPlainGettid() == static_cast<uint32_t>(syscall(SYS_gettid)) ? 1u : 0u;
+  });
+  EXPECT_EQ(matches, 1u);
 }
 
 TEST(ShmGettid, IsRenewedInAForkedChild) {

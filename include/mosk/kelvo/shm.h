@@ -65,8 +65,7 @@
 #ifndef MOSK_KELVO_SHM_H_
 #define MOSK_KELVO_SHM_H_
 
-#include <sys/types.h>
-#include <unistd.h>
+#include <sys/ipc.h>  // key_t, and the C library's feature macros tested below
 
 #include <cstddef>
 #include <cstdint>
@@ -103,6 +102,8 @@ KELVO_EXPORT int shm_lock(void* mem);
 // thread, renewed after fork). Same function as the global gettid() below.
 KELVO_EXPORT uint32_t shm_gettid() __asm__("_Z6gettidv");
 
+// glibc 2.30 and later declare `pid_t gettid(void)` in <unistd.h> under _GNU_SOURCE; a second
+// global gettid() with another return type cannot be declared beside it.
 #if defined(__GLIBC__) && defined(__USE_GNU)
 #if !__GLIBC_PREREQ(2, 30)
 #define KELVO_SHM_DECLARES_GETTID 1
