@@ -49,6 +49,15 @@ echo "$listing" | head -1 | grep -qE '^TOPIC +KEY +SHMID +SIZE +NATTCH +CPID +MA
 echo "$listing" | grep -qE "^$topic +0x[0-9a-f]{8} +[0-9]+ +4096 +1 +$attached_pid +0x1234 +0 +0 +0$" ||
   fail "listing of $topic"
 
+# Another user may not read the owner-only segment: the listing says so for that topic.
+if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
+  setpriv --reuid=65534 --regid=65534 --clear-groups "$tool" |
+    grep -qE "^$topic .*segment status not readable by this user: Permission denied$" ||
+    fail "listing as another user"
+else
+  echo "skipped: the other-user listing needs root and setpriv"
+fi
+
 mkdir -p "/tmp/topics/$keyonly" && touch "/tmp/topics/$keyonly/shmkey"
 "$tool" | grep -qE "^$keyonly .*no segment \(key file only\)$" || fail "key file without segment"
 
