@@ -11,6 +11,10 @@ for name in cycles md5 aco co time_trace perf thread; do
   "$build/bench/kelvo_${name}_bench" --benchmark_repetitions="$repetitions" \
     --benchmark_report_aggregates_only=true --benchmark_display_aggregates_only=true
 done
+echo "== shared-memory topics"
+"$build/bench/kelvo_shm_bench" --benchmark_repetitions="$repetitions" \
+  --benchmark_report_aggregates_only=true --benchmark_display_aggregates_only=true
+"$build/bench/kelvo_shm_wakeup" 20000
 echo "== memory of 10,000 suspended coroutines"
 "$build/bench/kelvo_aco_memory"
 echo "== wake-up latency against cyclictest"

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace mosk::kelvo::internal {
 
@@ -23,6 +24,26 @@ namespace mosk::kelvo::internal {
                                              const char* path, int line) {
   ++*failures;
   std::fprintf(stderr, "Assertion error: %s is not NULL (%s:%d)\n", expression, path, line);
+  std::fflush(stderr);
+  std::abort();
+}
+
+// The same two reports followed by "\n<errno>: <text>", for checks whose failure the system
+// explains through errno. `error` is errno as it was right after the failed call.
+[[noreturn]] inline void assertFailedWithErrno(int* failures, const char* expression,
+                                               const char* path, int line, int error) {
+  ++*failures;
+  std::fprintf(stderr, "Assertion error: %s (%s:%d)\n", expression, path, line);
+  std::fprintf(stderr, "\n%d: %s", error, std::strerror(error));
+  std::fflush(stderr);
+  std::abort();
+}
+
+[[noreturn]] inline void assertNotNullFailedWithErrno(int* failures, const char* expression,
+                                                      const char* path, int line, int error) {
+  ++*failures;
+  std::fprintf(stderr, "Assertion error: %s is not NULL (%s:%d)\n", expression, path, line);
+  std::fprintf(stderr, "\n%d: %s", error, std::strerror(error));
   std::fflush(stderr);
   std::abort();
 }

@@ -6,7 +6,7 @@ lib="$1"
 unexpected=$(nm -D --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' |
   c++filt |
   grep -vE '^(mosk::kelvo::|typeinfo for mosk::kelvo::|typeinfo name for mosk::kelvo::|vtable for mosk::kelvo::|VTT for mosk::kelvo::|(non-)?virtual thunk to mosk::kelvo::|TLS (init|wrapper) function for mosk::kelvo::|guard variable for mosk::kelvo::)' |
-  grep -vE '^(aco_[a-z0-9_]+|acosw|shm_[a-z_]+(\(.*\))?|MD5(Init|Update|Final|Transform)\(.*\)|byteSwap\(.*\)|KELVO_[0-9.]+)$' || true)
+  grep -vE '^(aco_[a-z0-9_]+|acosw|shm_[a-z_]+(\(.*\))?|MD5(Init|Update|Final|Transform)\(.*\)|byteSwap\(.*\)|gettid\(\)|KELVO_[0-9.]+)$' || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exported symbols:"
   echo "$unexpected"

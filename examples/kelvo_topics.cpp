@@ -1,0 +1,201 @@
+// kelvo-topics: lists the shared-memory topics under /tmp/topics, or removes one.
+//
+//   kelvo-topics            one line per topic: key, segment id, data size, attachments,
+//                           creator pid, magic, lock and unlock counts, owner thread id
+//   kelvo-topics rm NAME    removes the topic's segment, key file and (empty) directory
+//
+// The listing reads each header through a read-only attachment and takes no lock, so it works
+// while the topic is in use (and shows the counters as they are at that instant) and even when a
+// lock is held by a process that died.
+#include <dirent.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mosk/kelvo/shm.h"
+
+namespace {
+
+const std::string kRoot = "/tmp/topics";
+const std::string kKeyFile = "shmkey";
+
+// Header offsets of the fields shown (the header layout is fixed and shared by all processes).
+constexpr size_t kMagicOffset = 0;
+constexpr size_t kCreatorPidOffset = 4;
+constexpr size_t kOwnerTidOffset = 28;
+constexpr size_t kLockCountOffset = 220;
+constexpr size_t kUnlockCountOffset = 228;
+constexpr size_t kCondOffset = 116;
+constexpr std::chrono::seconds kRemoveTimeLimit{10};
+
+void usage(FILE* out) {
+  std::fprintf(out,
+               "usage: kelvo-topics            list the topics under /tmp/topics\n"
+               "       kelvo-topics rm NAME    remove topic NAME (segment and key file)\n");
+}
+
+int badUsage(const std::string& message) {
+  std::fprintf(stderr, "kelvo-topics: %s\n", message.c_str());
+  usage(stderr);
+  return 2;
+}
+
+// Topic names of every key file below the root, found depth first (a topic may contain '/').
+void findTopics(const std::string& relative, std::vector<std::string>* topics) {
+  std::string dir = relative.empty() ? kRoot : kRoot + "/" + relative;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (dirent* entry = readdir(d)) {
+    std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    std::string child = relative.empty() ? name : relative + "/" + name;
+    struct stat st;
+    if (lstat((kRoot + "/" + child).c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      findTopics(child, topics);
+    } else if (name == kKeyFile && !relative.empty()) {
+      topics->push_back(relative);
+    }
+  }
+  closedir(d);
+}
+
+template <typename T>
+T fieldAt(const void* header, size_t offset) {
+  T value;
+  std::memcpy(&value, static_cast<const char*>(header) + offset, sizeof value);
+  return value;
+}
+
+std::string keyFileOf(const std::string& topic) { return kRoot + "/" + topic + "/" + kKeyFile; }
+
+void listTopic(const std::string& topic) {
+  key_t key = ftok(keyFileOf(topic).c_str(), 1);
+  int id = shmget(key, 0, 0);
+  if (id == -1) {
+    if (errno == ENOENT) {
+      std::printf("%-32s 0x%08x %10s  no segment (key file only)\n", topic.c_str(),
+                  static_cast<unsigned>(key), "-");
+    } else {
+      std::printf("%-32s 0x%08x %10s  segment not accessible by this user: %s\n", topic.c_str(),
+                  static_cast<unsigned>(key), "-", std::strerror(errno));
+    }
+    return;
+  }
+  struct shmid_ds status;
+  if (shmctl(id, IPC_STAT, &status) != 0) {
+    std::printf("%-32s 0x%08x %10d  segment status not readable by this user: %s\n", topic.c_str(),
+                static_cast<unsigned>(key), id, std::strerror(errno));
+    return;
+  }
+  void* header = shmat(id, nullptr, SHM_RDONLY);
+  if (header == reinterpret_cast<void*>(-1)) {
+    std::printf("%-32s 0x%08x %10d  segment not readable by this user: %s\n", topic.c_str(),
+                static_cast<unsigned>(key), id, std::strerror(errno));
+    return;
+  }
+  long dataSize = static_cast<long>(status.shm_segsz) - MEM_HDR_SIZE;
+  std::printf("%-32s 0x%08x %10d %10ld %6lu %8d 0x%04x %12llu %12llu %8u\n", topic.c_str(),
+              static_cast<unsigned>(key), id, dataSize,
+              static_cast<unsigned long>(status.shm_nattch),
+              fieldAt<uint32_t>(header, kCreatorPidOffset), fieldAt<uint32_t>(header, kMagicOffset),
+              static_cast<unsigned long long>(fieldAt<uint64_t>(header, kLockCountOffset)),
+              static_cast<unsigned long long>(fieldAt<uint64_t>(header, kUnlockCountOffset)),
+              fieldAt<uint32_t>(header, kOwnerTidOffset));
+  shmdt(header);
+}
+
+int list() {
+  std::vector<std::string> topics;
+  findTopics("", &topics);
+  std::printf("%-32s %-10s %10s %10s %6s %8s %6s %12s %12s %8s\n", "TOPIC", "KEY", "SHMID", "SIZE",
+              "NATTCH", "CPID", "MAGIC", "LOCKS", "UNLOCKS", "OWNER");
+  for (const std::string& topic : topics) listTopic(topic);
+  return 0;
+}
+
+// shm_rm_by_topic destroys the segment's condition, which waits until every thread inside
+// shm_wait or shm_timedwait on it has left. It clears the magic word first, so no new wait
+// starts; the waiters already inside are woken here by broadcasts until the removal is through.
+int removeSegment(const std::string& topic, int id) {
+  void* segment = shmat(id, nullptr, 0);
+  if (segment == reinterpret_cast<void*>(-1)) {
+    std::fprintf(stderr, "kelvo-topics: cannot attach the segment of '%s': %s\n", topic.c_str(),
+                 std::strerror(errno));
+    return 1;
+  }
+  auto* cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(segment) + kCondOffset);
+  std::atomic<bool> removed{false};
+  int rc = -1;
+  std::thread remover([&] {
+    rc = shm_rm_by_topic(topic.c_str());
+    removed = true;
+  });
+  auto deadline = std::chrono::steady_clock::now() + kRemoveTimeLimit;
+  while (!removed && std::chrono::steady_clock::now() < deadline) {
+    pthread_cond_broadcast(cond);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!removed) {
+    std::fprintf(stderr, "kelvo-topics: waiters on '%s' did not leave within %lld s; not removed\n",
+                 topic.c_str(), static_cast<long long>(kRemoveTimeLimit.count()));
+    std::fflush(stderr);
+    _exit(1);  // the remover thread cannot be stopped; ending the process ends it
+  }
+  remover.join();
+  shmdt(segment);
+  return rc == 0 ? 0 : 1;
+}
+
+// Removes the segment through the library (which also invalidates it for processes still
+// attached), then the key file and the topic's directory, which the library leaves.
+int removeTopic(const std::string& topic) {
+  if (topic.empty() || topic.size() > 44 || topic.find("..") != std::string::npos) {
+    return badUsage("invalid topic name '" + topic + "'");
+  }
+  std::string keyFile = keyFileOf(topic);
+  if (access(keyFile.c_str(), F_OK) != 0) {
+    std::fprintf(stderr, "kelvo-topics: no topic '%s' (no key file %s)\n", topic.c_str(),
+                 keyFile.c_str());
+    return 1;
+  }
+  int id = shmget(ftok(keyFile.c_str(), 1), 0, 0);
+  if (id == -1) {
+    std::fprintf(stderr, "kelvo-topics: topic '%s' has no segment; removing its key file\n",
+                 topic.c_str());
+  } else if (removeSegment(topic, id) != 0) {
+    return 1;
+  }
+  unlink(keyFile.c_str());
+  rmdir((kRoot + "/" + topic).c_str());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 1) return list();
+  std::string command = argv[1];
+  if (command == "-h" || command == "--help") {
+    usage(stdout);
+    return 0;
+  }
+  if (command != "rm") return badUsage("unknown argument '" + command + "'");
+  if (argc != 3) {
+    return badUsage(argc < 3 ? "rm needs a topic NAME"
+                             : "unexpected argument '" + std::string(argv[3]) + "'");
+  }
+  return removeTopic(argv[2]);
+}

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# Runs kelvo-topics against real topics made by a helper process: the listing, a topic with
+# a key file but no segment, option validation, and removal (also while a process waits on the
+# topic's condition, which must not hang the tool).
+set -u
+tool="$1"
+helper="$2"
+topic="kt$$-topics"
+waited="kt$$-waited"
+keyonly="kt$$-keyonly"
+fifo="/tmp/kelvo_topics_fifo.$$"
+attached_out="/tmp/kelvo_topics_attached.$$"
+status=0
+
+fail() {
+  echo "FAIL: $*"
+  status=1
+}
+
+cleanup() {
+  rm -f "$fifo" "$attached_out" "/tmp/kelvo_topics_waiter.$$" "/tmp/kelvo_topics_err.$$"
+  for t in "$topic" "$waited" "$keyonly"; do
+    "$tool" rm "$t" >/dev/null 2>&1
+    rm -rf "/tmp/topics/$t"
+  done
+}
+trap cleanup EXIT
+
+# Waits (up to 30 s) until file $1 holds the line $2.
+await_line() {
+  for _ in $(seq 1 3000); do
+    grep -qx "$2" "$1" 2>/dev/null && return 0
+    sleep 0.01
+  done
+  return 1
+}
+
+# A process attached to $topic until its standard input (a fifo) closes.
+mkfifo "$fifo"
+"$helper" attach "$topic" 4096 <"$fifo" >"$attached_out" &
+attached_pid=$!
+exec 3>"$fifo"
+await_line "$attached_out" ready || fail "helper did not attach"
+
+listing=$("$tool")
+echo "$listing"
+echo "$listing" | head -1 | grep -qE '^TOPIC +KEY +SHMID +SIZE +NATTCH +CPID +MAGIC +LOCKS +UNLOCKS +OWNER$' ||
+  fail "header line"
+echo "$listing" | grep -qE "^$topic +0x[0-9a-f]{8} +[0-9]+ +4096 +1 +$attached_pid +0x1234 +0 +0 +0$" ||
+  fail "listing of $topic"
+
+# Another user may not read the owner-only segment: the listing says so for that topic.
+if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
+  setpriv --reuid=65534 --regid=65534 --clear-groups "$tool" |
+    grep -qE "^$topic .*segment status not readable by this user: Permission denied$" ||
+    fail "listing as another user"
+else
+  echo "skipped: the other-user listing needs root and setpriv"
+fi
+
+mkdir -p "/tmp/topics/$keyonly" && touch "/tmp/topics/$keyonly/shmkey"
+"$tool" | grep -qE "^$keyonly .*no segment \(key file only\)$" || fail "key file without segment"
+
+"$tool" --bogus 2>/tmp/kelvo_topics_err.$$ && fail "--bogus accepted"
+grep -q "unknown argument '--bogus'" /tmp/kelvo_topics_err.$$ || fail "--bogus message"
+"$tool" rm 2>/tmp/kelvo_topics_err.$$ && fail "rm without NAME accepted"
+grep -q "rm needs a topic NAME" /tmp/kelvo_topics_err.$$ || fail "rm without NAME message"
+"$tool" rm a b 2>/tmp/kelvo_topics_err.$$ && fail "rm with two names accepted"
+grep -q "unexpected argument 'b'" /tmp/kelvo_topics_err.$$ || fail "rm with two names message"
+"$tool" rm "kt$$-none" 2>/tmp/kelvo_topics_err.$$ && fail "rm of a missing topic succeeded"
+grep -q "no topic 'kt$$-none'" /tmp/kelvo_topics_err.$$ || fail "rm of a missing topic message"
+"$tool" rm ../etc 2>/tmp/kelvo_topics_err.$$ && fail "rm ../etc accepted"
+grep -q "invalid topic name '../etc'" /tmp/kelvo_topics_err.$$ || fail "rm ../etc message"
+"$tool" --help | grep -q "usage: kelvo-topics" || fail "--help"
+rm -f /tmp/kelvo_topics_err.$$
+
+key=$(echo "$listing" | awk -v t="$topic" '$1 == t { print $2 }')
+"$tool" rm "$topic" || fail "rm $topic"
+[ -e "/tmp/topics/$topic" ] && fail "topic directory left behind"
+grep -qiE "^ *$((key)) " /proc/sysvipc/shm && fail "segment still found by its key"
+exec 3>&-
+wait "$attached_pid"
+rm -f "$fifo" "$attached_out"
+
+"$tool" rm "$keyonly" 2>/dev/null || fail "rm of a key-file-only topic"
+[ -e "/tmp/topics/$keyonly" ] && fail "key-only topic directory left behind"
+
+# Removal while a process sits in shm_wait: the tool wakes it instead of hanging.
+waiter_out="/tmp/kelvo_topics_waiter.$$"
+"$helper" wait "$waited" 64 >"$waiter_out" </dev/null &
+waiter_pid=$!
+await_line "$waiter_out" ready || fail "waiter did not start"
+for _ in $(seq 1 3000); do
+  grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
+  sleep 0.01
+done
+timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
+wait "$waiter_pid"
+grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"
+rm -f "$waiter_out"
+
+[ $status -eq 0 ] && echo "kelvo-topics: all checks passed"
+exit $status

@@ -1,0 +1,487 @@
+// Shared-memory topics: System V segments by topic name, and the process-shared locks and
+// condition in their header.
+#include "mosk/kelvo/shm.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "kelvo_assert.h"
+
+// The C library's overflow report: "*** buffer overflow detected ***: terminated", then abort.
+extern "C" [[noreturn]] void __chk_fail(void);
+
+namespace {
+
+int __assert_failures = 0;
+
+constexpr const char* kPath = "src/shm";
+constexpr uint32_t kMagic = 0x1234;
+constexpr const char* kKeyFileFormat = "/tmp/topics/%s/shmkey";
+constexpr size_t kKeyPathSize = 64;
+constexpr size_t kTopicNameSize = 128;
+
+// The segment header as every process sees it. The layout is shared between processes (and
+// between builds of the library), so it is packed to 4 bytes and pinned by the checks below.
+#pragma pack(push, 4)
+struct SegmentHeader {
+  uint32_t magic;
+  uint32_t creator_pid;
+  uint32_t reserved_a;
+  uint64_t reserved_b;
+  uint64_t page_size;
+  uint32_t owner_tid;
+  uint32_t reserved_c;
+  pthread_mutex_t lock_mutex;
+  pthread_mutex_t cond_mutex;
+  pthread_cond_t cond;
+  pthread_rwlock_t rwlock;
+  uint64_t lock_count;
+  uint64_t unlock_count;
+  char topic_name[kTopicNameSize];
+  uint32_t key;
+  uint32_t size;
+};
+#pragma pack(pop)
+
+static_assert(sizeof(pthread_mutex_t) == 40, "mutex size is part of the segment layout");
+static_assert(sizeof(pthread_cond_t) == 48, "condition size is part of the segment layout");
+static_assert(sizeof(pthread_rwlock_t) == 56, "rwlock size is part of the segment layout");
+static_assert(offsetof(SegmentHeader, magic) == 0, "segment layout");
+static_assert(offsetof(SegmentHeader, creator_pid) == 4, "segment layout");
+static_assert(offsetof(SegmentHeader, reserved_a) == 8, "segment layout");
+static_assert(offsetof(SegmentHeader, reserved_b) == 12, "segment layout");
+static_assert(offsetof(SegmentHeader, page_size) == 20, "segment layout");
+static_assert(offsetof(SegmentHeader, owner_tid) == 28, "segment layout");
+static_assert(offsetof(SegmentHeader, reserved_c) == 32, "segment layout");
+static_assert(offsetof(SegmentHeader, lock_mutex) == 36, "segment layout");
+static_assert(offsetof(SegmentHeader, cond_mutex) == 76, "segment layout");
+static_assert(offsetof(SegmentHeader, cond) == 116, "segment layout");
+static_assert(offsetof(SegmentHeader, rwlock) == 164, "segment layout");
+static_assert(offsetof(SegmentHeader, lock_count) == 220, "segment layout");
+static_assert(offsetof(SegmentHeader, unlock_count) == 228, "segment layout");
+static_assert(offsetof(SegmentHeader, topic_name) == 236, "segment layout");
+static_assert(offsetof(SegmentHeader, key) == 364, "segment layout");
+static_assert(offsetof(SegmentHeader, size) == 368, "segment layout");
+static_assert(sizeof(SegmentHeader) == MEM_HDR_SIZE, "segment layout");
+
+#define SHM_ASSERT(condition, text) KELVO_ASSERT_AT(condition, text, kPath, __LINE__)
+
+#define SHM_ASSERT_ERRNO(condition, text)                                                       \
+  do {                                                                                          \
+    if (!(condition)) {                                                                         \
+      int error = errno;                                                                        \
+      ::mosk::kelvo::internal::assertFailedWithErrno(&__assert_failures, text, kPath, __LINE__, \
+                                                     error);                                    \
+    }                                                                                           \
+  } while (0)
+
+#define SHM_ASSERT_NOT_NULL(pointer, name)                                                     \
+  do {                                                                                         \
+    if ((pointer) == nullptr) {                                                                \
+      ::mosk::kelvo::internal::assertNotNullFailed(&__assert_failures, name, kPath, __LINE__); \
+    }                                                                                          \
+  } while (0)
+
+#define SHM_ASSERT_NOT_NULL_ERRNO(pointer, name)                                             \
+  do {                                                                                       \
+    if ((pointer) == nullptr) {                                                              \
+      int error = errno;                                                                     \
+      ::mosk::kelvo::internal::assertNotNullFailedWithErrno(&__assert_failures, name, kPath, \
+                                                            __LINE__, error);                \
+    }                                                                                        \
+  } while (0)
+
+// Member addresses by offset: the members of a packed struct are not naturally aligned, and
+// the pthread functions only need the address.
+template <typename T>
+T* member(SegmentHeader* header, size_t offset) {
+  return reinterpret_cast<T*>(reinterpret_cast<char*>(header) + offset);
+}
+
+pthread_mutex_t* lockMutex(SegmentHeader* h) {
+  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, lock_mutex));
+}
+pthread_mutex_t* condMutex(SegmentHeader* h) {
+  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, cond_mutex));
+}
+pthread_cond_t* condition(SegmentHeader* h) {
+  return member<pthread_cond_t>(h, offsetof(SegmentHeader, cond));
+}
+pthread_rwlock_t* rwLock(SegmentHeader* h) {
+  return member<pthread_rwlock_t>(h, offsetof(SegmentHeader, rwlock));
+}
+
+// The bookkeeping words are plain shared words: other processes read and write them without
+// any lock. Relaxed atomic loads and stores compile to the same plain moves on x86-64 and keep
+// the concurrent accesses of threads in this process defined. The counters are deliberately
+// not incremented atomically (a load and a store): they are diagnostics.
+typedef uint64_t Word64 __attribute__((aligned(4)));
+
+uint32_t loadWord(SegmentHeader* h, size_t offset) {
+  return __atomic_load_n(member<uint32_t>(h, offset), __ATOMIC_RELAXED);
+}
+void storeWord(SegmentHeader* h, size_t offset, uint32_t value) {
+  __atomic_store_n(member<uint32_t>(h, offset), value, __ATOMIC_RELAXED);
+}
+uint64_t loadWord64(SegmentHeader* h, size_t offset) {
+  return __atomic_load_n(member<Word64>(h, offset), __ATOMIC_RELAXED);
+}
+void storeWord64(SegmentHeader* h, size_t offset, uint64_t value) {
+  __atomic_store_n(member<Word64>(h, offset), value, __ATOMIC_RELAXED);
+}
+void incrementWord64(SegmentHeader* h, size_t offset) {
+  storeWord64(h, offset, loadWord64(h, offset) + 1);
+}
+
+bool isUsable(SegmentHeader* h) { return loadWord(h, offsetof(SegmentHeader, magic)) == kMagic; }
+
+SegmentHeader* headerOf(void* mem) {
+  return reinterpret_cast<SegmentHeader*>(static_cast<char*>(mem) - MEM_HDR_SIZE);
+}
+
+void* dataOf(void* segment) { return static_cast<char*>(segment) + MEM_HDR_SIZE; }
+
+void noteLocked(SegmentHeader* h, uint32_t tid) {
+  storeWord(h, offsetof(SegmentHeader, owner_tid), tid);
+  incrementWord64(h, offsetof(SegmentHeader, lock_count));
+}
+
+void noteUnlocking(SegmentHeader* h) {
+  incrementWord64(h, offsetof(SegmentHeader, unlock_count));
+  storeWord(h, offsetof(SegmentHeader, owner_tid), 0);
+}
+
+// Formats the key-file path of `topic` into `path` (kKeyPathSize bytes). A name that does not
+// fit ends the process the way the C library's checked sprintf does.
+void formatKeyPath(char* path, const char* topic) {
+  if (std::strlen(topic) + std::strlen(kKeyFileFormat) - 2 >= kKeyPathSize) __chk_fail();
+  std::snprintf(path, kKeyPathSize, kKeyFileFormat, topic);
+}
+
+// Creates every missing directory on the way to `path`'s last component. Failures are left to
+// the key-file creation that follows, which reports them.
+void createParentDirectories(const char* path) {
+  char prefix[kKeyPathSize];
+  std::memcpy(prefix, path, kKeyPathSize);
+  for (char* p = prefix; *p != '\0'; ++p) {
+    if (*p != '/') continue;
+    *p = '\0';
+    if (access(prefix, F_OK) != 0) mkdir(prefix, 0777);
+    *p = '/';
+  }
+}
+
+void ensureKeyFile(const char* pathname) {
+  int fd = open(pathname, O_RDONLY);
+  if (fd == -1) {
+    SHM_ASSERT((fd = creat(pathname, 0666)) != -1, "fd = creat(pathname, 0666) != -1");
+  }
+  close(fd);
+}
+
+key_t topic_to_key(const char* topic) {
+  char path_shm[kKeyPathSize];
+  formatKeyPath(path_shm, topic);
+  createParentDirectories(path_shm);
+  ensureKeyFile(path_shm);
+  key_t shm_key;
+  SHM_ASSERT_ERRNO((shm_key = ftok(path_shm, 1)) > 0, "(shm_key = ftok(path_shm, 1)) > 0");
+  return shm_key;
+}
+
+// Reads one byte per page of the first `size` bytes so that the pages are mapped before any
+// real-time use.
+void pretouch(const char* segment, size_t size, long page_size) {
+  for (size_t offset = 0; offset < size; offset += static_cast<size_t>(page_size)) {
+    (void)*static_cast<const volatile char*>(segment + offset);
+  }
+}
+
+void initialiseSyncObjects(SegmentHeader* h) {
+  pthread_mutexattr_t mutex_attr;
+  pthread_mutexattr_init(&mutex_attr);
+  pthread_mutexattr_setpshared(&mutex_attr, PTHREAD_PROCESS_SHARED);
+  std::memset(condMutex(h), 0, sizeof(pthread_mutex_t));
+  pthread_mutex_init(condMutex(h), &mutex_attr);
+  std::memset(lockMutex(h), 0, sizeof(pthread_mutex_t));
+  pthread_mutex_init(lockMutex(h), &mutex_attr);
+  pthread_mutexattr_destroy(&mutex_attr);
+
+  pthread_condattr_t cond_attr;
+  pthread_condattr_init(&cond_attr);
+  pthread_condattr_setpshared(&cond_attr, PTHREAD_PROCESS_SHARED);
+  std::memset(condition(h), 0, sizeof(pthread_cond_t));
+  pthread_cond_init(condition(h), &cond_attr);
+  pthread_condattr_destroy(&cond_attr);
+
+  pthread_rwlockattr_t rwlock_attr;
+  pthread_rwlockattr_init(&rwlock_attr);
+  pthread_rwlockattr_setpshared(&rwlock_attr, PTHREAD_PROCESS_SHARED);
+  std::memset(rwLock(h), 0, sizeof(pthread_rwlock_t));
+  pthread_rwlock_init(rwLock(h), &rwlock_attr);
+  pthread_rwlockattr_destroy(&rwlock_attr);
+}
+
+// First attacher's work. `magic` is published before the data area is zeroed, and nothing
+// guards against a second process initialising at the same moment: topics are created during
+// set-up.
+void initialiseSegment(int shm_id, SegmentHeader* h, key_t key, size_t size) {
+  struct shmid_ds shared_mem_info;
+  SHM_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
+                   "shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0");
+  initialiseSyncObjects(h);
+  long page_size = sysconf(_SC_PAGESIZE);
+  pretouch(reinterpret_cast<const char*>(h), size, page_size);
+  storeWord64(h, offsetof(SegmentHeader, page_size), static_cast<uint64_t>(page_size));
+  storeWord(h, offsetof(SegmentHeader, magic), kMagic);
+  storeWord64(h, offsetof(SegmentHeader, reserved_b), 0);
+  storeWord64(h, offsetof(SegmentHeader, lock_count), 0);
+  storeWord64(h, offsetof(SegmentHeader, unlock_count), 0);
+  storeWord(h, offsetof(SegmentHeader, owner_tid), 0);
+  storeWord(h, offsetof(SegmentHeader, key), static_cast<uint32_t>(key));
+  storeWord(h, offsetof(SegmentHeader, size), static_cast<uint32_t>(size));
+  storeWord(h, offsetof(SegmentHeader, creator_pid),
+            static_cast<uint32_t>(shared_mem_info.shm_cpid));
+  std::memset(dataOf(h), 0, size);
+}
+
+// Looks a segment up without creating it and reads its status; false (errno set) on failure.
+bool statExisting(key_t key, int* shm_id, struct shmid_ds* status) {
+  *shm_id = shmget(key, 0, 0666);
+  return shmctl(*shm_id, IPC_STAT, status) >= 0;
+}
+
+void markForRemoval(int shm_id) { shmctl(shm_id, IPC_RMID, nullptr); }
+
+// The kernel thread id kept per thread. A forked child is a new thread of the same image, so
+// the cached id is forgotten in the child (only the forking thread exists there).
+__thread uint32_t cachedTid __attribute__((tls_model("initial-exec"))) = 0;
+
+void forgetTidInChild() { cachedTid = 0; }
+
+// The lock functions call this directly rather than through the exported (interposable) symbol.
+inline uint32_t cachedThreadId() {
+  uint32_t tid = cachedTid;
+  if (__builtin_expect(tid == 0, 0)) {
+    tid = static_cast<uint32_t>(syscall(SYS_gettid));
+    cachedTid = tid;
+  }
+  return tid;
+}
+
+struct ForkHandlerRegistration {
+  ForkHandlerRegistration() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
+} forkHandlerRegistration;
+
+}  // namespace
+
+uint32_t shm_gettid() { return cachedThreadId(); }
+
+namespace {
+
+// shm_rdlock and shm_wrlock: one try, the error number passed on, bookkeeping on success.
+inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  uint32_t tid = cachedThreadId();
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  int rc = tryLock(rwLock(h));
+  if (rc != 0) return rc;
+  noteLocked(h, tid);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void* shm_connect_by_key(key_t key, size_t size) {
+  int shm_id = shmget(key, size + MEM_HDR_SIZE, IPC_CREAT | 0600);
+  SHM_ASSERT(shm_id > 0, "shm_id > 0");
+  struct shmid_ds buf;
+  std::memset(&buf, 0, sizeof buf);
+  shmctl(shm_id, IPC_STAT, &buf);
+  SHM_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz");
+  void* mem = shmat(shm_id, nullptr, 0);
+  SHM_ASSERT_NOT_NULL_ERRNO(mem, "mem");
+  auto* header = static_cast<SegmentHeader*>(mem);
+  if (!isUsable(header)) initialiseSegment(shm_id, header, key, size);
+  return dataOf(mem);
+}
+
+void* shm_connect_by_topic(const char* topic, size_t size) {
+  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  void* mem = shm_connect_by_key(topic_to_key(topic), size);
+  SegmentHeader* header = headerOf(mem);
+  if (!isUsable(header)) return nullptr;
+  if (std::strlen(topic) >= kTopicNameSize) __chk_fail();
+  std::strcpy(header->topic_name, topic);
+  return mem;
+}
+
+uint64_t shm_nattch_by_topic(const char* topic) {
+  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  int shm_id;
+  struct shmid_ds status;
+  if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
+    std::fprintf(stderr, "tlx_shm_nattch: shmctl failed: %s\n", std::strerror(errno));
+    return 0;
+  }
+  return status.shm_nattch;
+}
+
+int shm_rm_by_topic(const char* topic) {
+  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  int shm_id;
+  struct shmid_ds status;
+  if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
+    std::fprintf(stderr, "shm_rm_by_topic: shmctl failed: %s\n", std::strerror(errno));
+    return -1;
+  }
+  auto* header = static_cast<SegmentHeader*>(shmat(shm_id, nullptr, 0));
+  if (isUsable(header)) {
+    storeWord(header, offsetof(SegmentHeader, magic), 0);
+    pthread_mutex_destroy(lockMutex(header));
+    pthread_mutex_destroy(condMutex(header));
+    pthread_cond_destroy(condition(header));
+    pthread_rwlock_destroy(rwLock(header));
+  }
+  markForRemoval(shm_id);
+  char path[kKeyPathSize];
+  formatKeyPath(path, topic);
+  // Only descriptor 0 counts as a successful open here; any other stays open.
+  int fd = open(path, O_RDONLY);
+  if (fd == 0) {
+    close(fd);
+    unlink(path);
+  }
+  return 0;
+}
+
+int shm_rm_by_key(key_t key) {
+  int shm_id;
+  struct shmid_ds status;
+  if (!statExisting(key, &shm_id, &status)) {
+    std::fprintf(stderr, "shm_rm_by_topic: shmctl failed: %s\n", std::strerror(errno));
+    return -1;
+  }
+  if (status.shm_nattch != 0) return -2;
+  auto* header = static_cast<SegmentHeader*>(shmat(shm_id, nullptr, 0));
+  if (isUsable(header)) storeWord(header, offsetof(SegmentHeader, magic), 0);
+  markForRemoval(shm_id);
+  return 0;
+}
+
+int shm_disconnect(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  return -1;
+}
+
+int shm_trylock(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  uint32_t tid = cachedThreadId();
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  if (pthread_mutex_trylock(lockMutex(h)) != 0) return -1;
+  noteLocked(h, tid);
+  return 0;
+}
+
+int shm_rdlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_tryrdlock); }
+
+int shm_wrlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_trywrlock); }
+
+int shm_unlock(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  noteUnlocking(h);
+  pthread_rwlock_unlock(rwLock(h));
+  return 0;
+}
+
+int shm_wrunlock(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  uint32_t tid = cachedThreadId();
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  if (loadWord(h, offsetof(SegmentHeader, owner_tid)) != tid) return -2;
+  noteUnlocking(h);
+  pthread_rwlock_unlock(rwLock(h));
+  return 0;
+}
+
+int shm_wait(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  pthread_mutex_lock(condMutex(h));
+  pthread_cond_wait(condition(h), condMutex(h));
+  pthread_mutex_unlock(condMutex(h));
+  return 0;
+}
+
+int shm_timedwait(void* mem, int timeout) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  int rc = pthread_mutex_trylock(condMutex(h));
+  if (rc != 0) {
+    std::printf("pthread_mutex_trylock: %d\n", rc);
+    return rc;
+  }
+  // A non-positive time-out keeps the epoch as its deadline: already passed, so the wait
+  // times out at once.
+  struct timespec deadline = {0, 0};
+  if (timeout > 0) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    long nanoseconds = (static_cast<long>(now.tv_usec) + timeout) * 1000L;
+    deadline.tv_sec = now.tv_sec;
+    while (nanoseconds > 999999999L) {
+      nanoseconds -= 1000000000L;
+      deadline.tv_sec += 1;
+    }
+    deadline.tv_nsec = nanoseconds;
+  }
+  rc = pthread_cond_timedwait(condition(h), condMutex(h), &deadline);
+  pthread_mutex_unlock(condMutex(h));
+  if (rc != 0) std::printf("pthread_cond_timedwait: %d\n", rc);
+  return rc;
+}
+
+int shm_notify(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  int rc = pthread_mutex_trylock(condMutex(h));
+  if (rc != 0) return rc;
+  pthread_cond_broadcast(condition(h));
+  pthread_mutex_unlock(condMutex(h));
+  return 0;
+}
+
+}  // extern "C"
+
+int shm_lock(void* mem) {
+  SHM_ASSERT_NOT_NULL(mem, "mem");
+  uint32_t tid = cachedThreadId();
+  SegmentHeader* h = headerOf(mem);
+  if (!isUsable(h)) return -1;
+  pthread_mutex_lock(lockMutex(h));
+  noteLocked(h, tid);
+  return 0;
+}
