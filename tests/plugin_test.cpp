@@ -1,5 +1,6 @@
 #include "mosk/kelvo/plugin.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <elf.h>
 #include <gtest/gtest.h>
@@ -87,23 +88,13 @@ std::string pluginPath(const std::string& name) {
   return std::string(KELVO_TEST_PLUGIN_DIR) + "/" + name + ".so";
 }
 
-// Whether this process may create SCHED_FIFO threads (root, CAP_SYS_NICE or RLIMIT_RTPRIO):
-// the context's pool thread is one.
+// Whether this process may run SCHED_FIFO threads at the pool's priority (root, CAP_SYS_NICE
+// or RLIMIT_RTPRIO), tried on a throw-away thread.
 bool mayUseSchedFifo() {
   static const bool allowed = [] {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
-    sched_param param{};
-    param.sched_priority = 80;
-    pthread_attr_setschedparam(&attributes, &param);
-    pthread_t thread;
-    const int result = pthread_create(
-        &thread, &attributes, [](void*) -> void* { return nullptr; }, nullptr);
-    pthread_attr_destroy(&attributes);
-    if (result == 0) pthread_join(thread, nullptr);
-    return result == 0;
+    bool granted = false;
+    std::thread([&granted] { granted = setPriority(80) == 0; }).join();
+    return granted;
   }();
   return allowed;
 }
@@ -133,6 +124,15 @@ bool isMapped(const std::string& path) {
       return true;
   }
   return false;
+}
+
+size_t openDescriptorCount() {
+  size_t count = 0;
+  if (DIR* directory = opendir("/proc/self/fd")) {
+    while (readdir(directory) != nullptr) ++count;
+    closedir(directory);
+  }
+  return count;
 }
 
 // The handle of a library that is already open, without opening it again (null if it is not
@@ -969,6 +969,7 @@ TEST(PluginLoaderTest, ThousandLoadUnloadCyclesLeaveNothingBehind) {
   REQUIRE_POOL_THREAD();
   const std::string path = pluginPath("good");
   LoaderUnderTest loader;
+  const size_t descriptors = openDescriptorCount();
   for (int i = 0; i < 1000; ++i) {
     void* handle = loader->load(path);
     ASSERT_NE(handle, nullptr);
@@ -977,6 +978,7 @@ TEST(PluginLoaderTest, ThousandLoadUnloadCyclesLeaveNothingBehind) {
   }
   EXPECT_EQ(openHandleOf(path), nullptr);
   EXPECT_FALSE(isMapped(path));
+  EXPECT_EQ(openDescriptorCount(), descriptors);
   EXPECT_EQ(loader->dump(), "services: 0 \n \n");
 }
 

@@ -140,7 +140,9 @@ class KELVO_EXPORT PluginContext {
   // to call more than once.
   void shutdown();
   // The pool thread, for diagnostics (getErrorString, getWakeStatistics, ...); null after
-  // shutdown().
+  // shutdown(). Do not pause or stop it (removeThreadTask waits for its passes), and drop the
+  // pointer before shutdown(): a thread kept alive keeps its tasks, and with them code of
+  // plug-ins that are about to be closed.
   std::shared_ptr<PeriodicThread> getPoolThread() const;
 
  private:
