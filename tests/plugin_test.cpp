@@ -372,6 +372,37 @@ TEST(PluginContextTest, DumpListsEveryName) {
             (std::set<std::string>{"a", "b", "c"}));
 }
 
+TEST(PluginContextTest, ManyNamesOfEveryLengthSurviveGrowthAndRemoval) {
+  REQUIRE_POOL_THREAD();
+  ContextUnderTest context;
+  std::vector<std::string> names;
+  for (int i = 0; i < 2000; ++i) names.push_back(std::string(i % 23, 'x') + std::to_string(i));
+  names.push_back("");
+  std::vector<int> values(names.size());
+  for (size_t i = 0; i < names.size(); ++i) context->RegisterService(names[i].c_str(), &values[i]);
+  for (size_t i = 0; i < names.size(); i += 2) context->UnregisterService(names[i].c_str());
+  for (size_t i = 0; i < names.size(); ++i) {
+    EXPECT_EQ(context->GetService(names[i].c_str()), i % 2 == 0 ? nullptr : &values[i]) << i;
+  }
+  EXPECT_EQ(context->dumpSerivces().size(), names.size() / 2);
+  // Removed names can come back; remaining names keep their first pointer.
+  for (size_t i = 0; i < names.size(); ++i) context->RegisterService(names[i].c_str(), &values[0]);
+  for (size_t i = 0; i < names.size(); ++i) {
+    EXPECT_EQ(context->GetService(names[i].c_str()), i % 2 == 0 ? &values[0] : &values[i]) << i;
+  }
+  const auto listed = context->dumpSerivces();
+  EXPECT_EQ(std::set<std::string>(listed.begin(), listed.end()),
+            std::set<std::string>(names.begin(), names.end()));
+  EXPECT_EQ(listed.size(), names.size());
+  // Churn: register and unregister one name many times (removed slots must not pile up).
+  for (int i = 0; i < 10000; ++i) {
+    context->RegisterService("churn", &values[1]);
+    context->UnregisterService("churn");
+  }
+  EXPECT_EQ(context->GetService("churn"), nullptr);
+  EXPECT_EQ(context->dumpSerivces().size(), names.size());
+}
+
 // ---------------------------------------------------------------------------------------------
 // PluginContext: the pool thread
 // ---------------------------------------------------------------------------------------------
