@@ -22,8 +22,8 @@
 // unloads every plug-in; destruction afterwards returns at once.
 //
 // Unloading one plug-in while the pool runs: the library is closed right after the plug-in's
-// stop(), so stop() must take back every task the plug-in added (removeThreadTask, which
-// returns once the task can no longer run and its callable is destroyed); a task left behind
+// stop() and destroy, so stop() must take back every task the plug-in added (removeThreadTask,
+// which returns once the task can no longer run and its callable is destroyed); a task left behind
 // would run code that is no longer mapped. Services are not removed for the plug-in either:
 // unregister them in stop().
 //
@@ -168,7 +168,11 @@ class KELVO_EXPORT PluginLoader {
   // standard output) or a master version that does not fit ("Master version %s does not match
   // %s with version %s!\n"); in those three cases the library stays open. A library that
   // cannot be opened throws std::runtime_error "Cannot load library: <linker message>" (see
-  // setError). An empty create throws std::bad_function_call; a throwing start propagates.
+  // setError). A path (with a slash) naming a 64-bit ELF file whose loadable segments reach
+  // past the end of the file is refused the same way, as "Cannot load library: <path>: file
+  // too short", before the dynamic linker maps it (the linker would die of SIGBUS touching
+  // the missing pages). An empty create throws std::bad_function_call; a throwing start
+  // propagates and the plug-in is not entered (its library stays open).
   // The master version M accepts a plug-in built for T when their majors are equal and the
   // minor of M is at least that of T; patch levels are ignored.
   void* load(const std::string& path);
@@ -177,7 +181,9 @@ class KELVO_EXPORT PluginLoader {
   // throws std::bad_function_call and leaves the plug-in's entry and library in place.
   void unload(void* handle);
   // One line per plug-in ("fileName: f, className: c, pluginName: p, pluginVersion: 1.2.3 \n"),
-  // then "services: <count> \n", then the service names joined by ", " and " \n".
+  // then "services: <count> \n", then the service names joined by ", " and " \n". Empty
+  // entries left by unload() of an unknown handle are skipped (they have no record). A null
+  // string in a record puts the stream in its failed state: the text ends there.
   std::string dump();
   std::string error() const;
   // Records `what` + ": " + the dynamic linker's pending message as the error text and throws
