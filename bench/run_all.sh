@@ -6,7 +6,7 @@
 set -eu
 build=${1:-build/default}
 repetitions=${REPETITIONS:-5}
-for name in cycles md5 aco co time_trace perf thread; do
+for name in cycles md5 aco co time_trace perf thread plugin; do
   echo "== $name"
   "$build/bench/kelvo_${name}_bench" --benchmark_repetitions="$repetitions" \
     --benchmark_report_aggregates_only=true --benchmark_display_aggregates_only=true

@@ -7,6 +7,7 @@
 #include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/md5.h"
 #include "mosk/kelvo/perf.h"
+#include "mosk/kelvo/plugin.h"
 #include "mosk/kelvo/shm.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"

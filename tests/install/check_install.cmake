@@ -34,3 +34,17 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 run(c++ -std=c++17 "${SOURCE_DIR}/tests/install/consumer/main.cpp" ${flags}
     "-Wl,-rpath,${prefix}/lib" -o "${WORK_DIR}/consumer-pkgconfig")
 run("${WORK_DIR}/consumer-pkgconfig")
+
+# A plug-in built by an outside project with kelvo_add_plugin() and KELVO_PLUGIN, against the
+# installed headers alone, loads into a host built against the installed library.
+run(${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/install/plugin_consumer"
+    -B "${WORK_DIR}/plugin_consumer" -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${prefix}")
+run(${CMAKE_COMMAND} --build "${WORK_DIR}/plugin_consumer")
+run("${WORK_DIR}/plugin_consumer/plugin_host" "${WORK_DIR}/plugin_consumer/libhello_plugin.so")
+execute_process(COMMAND nm -D --defined-only "${WORK_DIR}/plugin_consumer/libhello_plugin.so"
+                OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+string(REGEX REPLACE "[0-9a-f]+ [A-Za-z] " "" symbols "${symbols}")
+string(STRIP "${symbols}" symbols)
+if(NOT rc EQUAL 0 OR NOT symbols STREQUAL "exports")
+  message(FATAL_ERROR "the plug-in should export \"exports\" only, exports:\n${symbols}")
+endif()

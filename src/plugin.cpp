@@ -1,0 +1,388 @@
+// Plug-ins: the loader, the context with its service registry and its pool thread.
+#include "mosk/kelvo/plugin.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <list>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+
+#include "mosk/kelvo/perf.h"
+#include "mosk/kelvo/thread.h"
+
+namespace mosk {
+namespace kelvo {
+
+PluginActivator::~PluginActivator() = default;
+
+namespace {
+
+// A string made from a C string, failing for a null pointer as the standard library's
+// constructor does (with its message), rather than leaving it undefined.
+std::string stringFrom(const char* text) {
+  if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
+  return std::string(text);
+}
+
+// The service registry: an open-addressing hash table of names (owned copies) to pointers.
+// GetService is given a C string and has to measure it first; hashing it eight bytes at a time
+// inline, into a power-of-two table, keeps the whole lookup as cheap as a find in a
+// std::unordered_map keyed by an existing std::string. Iteration is in slot order.
+class ServiceTable {
+ public:
+  // The pointer registered under `name`, or null if the name is not registered.
+  void** find(std::string_view name) {
+    Slot* slot = slotOf(name);
+    return slot == nullptr ? nullptr : &slot->service;
+  }
+
+  // Inserts unless the name is there already (the first registration wins).
+  void insert(std::string&& name, void* service) {
+    if (slotOf(name) != nullptr) return;
+    if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));
+    const uint64_t hash = hashOf(name);
+    size_t i = hash & mask();
+    while (slots_[i].state == kUsed) i = (i + 1) & mask();
+    if (slots_[i].state == kRemoved) --removed_;
+    slots_[i] = Slot{std::move(name), service, hash, kUsed};
+    ++used_;
+  }
+
+  void erase(std::string_view name) {
+    Slot* slot = slotOf(name);
+    if (slot == nullptr) return;
+    *slot = Slot{std::string(), nullptr, 0, kRemoved};  // keeps later probes going
+    --used_;
+    ++removed_;
+  }
+
+  std::vector<std::string> names() const {
+    std::vector<std::string> result;
+    result.reserve(used_);
+    for (const Slot& slot : slots_) {
+      if (slot.state == kUsed) result.push_back(slot.name);
+    }
+    return result;
+  }
+
+ private:
+  enum State : uint8_t { kFree, kUsed, kRemoved };
+  struct Slot {
+    std::string name;
+    void* service;
+    uint64_t hash;
+    State state;
+  };
+
+  // Linear probing; at most half the slots are taken (used or removed), so a free slot ends
+  // every probe.
+  Slot* slotOf(std::string_view name) {
+    if (slots_.empty()) return nullptr;
+    const uint64_t hash = hashOf(name);
+    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
+      Slot& slot = slots_[i];
+      if (slot.state == kFree) return nullptr;
+      if (slot.state == kUsed && slot.hash == hash && slot.name == name) return &slot;
+    }
+  }
+
+  static uint64_t hashOf(std::string_view name) {
+    const char* bytes = name.data();
+    const size_t size = name.size();
+    uint64_t hash = 0x9e3779b97f4a7c15ull ^ size;
+    size_t offset = 0;
+    for (; offset + 8 <= size; offset += 8) hash = mix(hash, load8(bytes + offset));
+    // The last bytes with fixed-size loads (overlapping what was mixed already where the name is
+    // long enough): a variable-size copy into a word would stall on store forwarding.
+    uint64_t tail = 0;
+    if (offset == size) {
+      tail = 0;
+    } else if (size >= 8) {
+      tail = load8(bytes + size - 8);
+    } else if (size >= 4) {
+      tail = load4(bytes) | uint64_t{load4(bytes + size - 4)} << 32;
+    } else {
+      tail = uint64_t{static_cast<unsigned char>(bytes[0])} |
+             uint64_t{static_cast<unsigned char>(bytes[size / 2])} << 8 |
+             uint64_t{static_cast<unsigned char>(bytes[size - 1])} << 16;
+    }
+    hash = mix(hash, tail);
+    // Spread every input bit over the low bits that pick the slot.
+    hash = (hash ^ (hash >> 33)) * 0xc4ceb9fe1a85ec53ull;
+    return hash ^ (hash >> 33);
+  }
+  static uint64_t load8(const char* bytes) {
+    uint64_t word;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+  }
+  static uint32_t load4(const char* bytes) {
+    uint32_t word;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+  }
+  static uint64_t mix(uint64_t hash, uint64_t word) {
+    hash = (hash ^ word) * 0xff51afd7ed558ccdull;
+    return hash ^ (hash >> 32);
+  }
+
+  size_t mask() const { return slots_.size() - 1; }
+
+  // A table of the next power of two of at least `minimum` slots, without removed slots.
+  void rehash(size_t minimum) {
+    size_t size = 16;
+    while (size < minimum) size *= 2;
+    std::vector<Slot> old(size);
+    old.swap(slots_);
+    used_ = removed_ = 0;
+    for (Slot& slot : old) {
+      if (slot.state == kUsed) insert(std::move(slot.name), slot.service);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  size_t used_ = 0;
+  size_t removed_ = 0;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// PluginContext
+// ---------------------------------------------------------------------------------------------
+
+struct PluginContext::PrivateData {
+  std::list<std::shared_ptr<PeriodicThread>> threadPool;
+  ServiceTable services;
+  // What each added task became, by name, so that removeThreadTask can wait until the task is
+  // really gone. Only observed, never owned.
+  std::unordered_multimap<std::string, std::weak_ptr<RealTimeTask>> addedTasks;
+};
+
+PluginContext::PluginContext() : d_(new PrivateData) {
+  d_->threadPool.push_back(std::make_shared<PeriodicThread>(5000, "ThreadInPoolWithPeriodOf5ms",
+                                                            ScheduleMethod::Sequential, -1, 80));
+  for (const auto& thread : d_->threadPool) thread->start(0);
+}
+
+PluginContext::~PluginContext() {
+  for (const auto& thread : d_->threadPool) thread->join();
+  delete d_;
+}
+
+void PluginContext::RegisterService(const char* name, void* service) {
+  d_->services.insert(stringFrom(name), service);  // the first registration of a name wins
+}
+
+void PluginContext::UnregisterService(const char* name) { d_->services.erase(stringFrom(name)); }
+
+void* PluginContext::GetService(const char* name) {
+  if (name == nullptr) return nullptr;
+  void** service = d_->services.find(name);
+  return service == nullptr ? nullptr : *service;
+}
+
+std::vector<std::string> PluginContext::dumpSerivces() { return d_->services.names(); }
+
+bool PluginContext::addThreadTask(const std::string& name, std::function<void()>&& task) {
+  if (name.empty()) return false;
+  if (d_->threadPool.empty()) {
+    std::function<void()> dropped(std::move(task));
+    return true;
+  }
+  std::weak_ptr<RealTimeTask> added =
+      d_->threadPool.back()->addTask(name, std::move(task), -1, 0, false);
+  // Forget tasks that are gone already, so that the bookkeeping cannot grow without bound.
+  for (auto it = d_->addedTasks.begin(); it != d_->addedTasks.end();) {
+    it = it->second.expired() ? d_->addedTasks.erase(it) : std::next(it);
+  }
+  d_->addedTasks.emplace(name, std::move(added));
+  return true;
+}
+
+int PluginContext::removeThreadTask(const std::string& name) {
+  if (d_->threadPool.empty()) return 0;
+  PeriodicThread& pool = *d_->threadPool.back();
+  const auto range = d_->addedTasks.equal_range(name);
+  int removed = 0;
+  for (auto it = range.first; it != range.second; ++it) removed += it->second.expired() ? 0 : 1;
+  // deleteTask flags the first task of that name that the loop has not purged yet; the loop
+  // purges flagged tasks at its next pass. Once none is left, the snapshot that still refers
+  // to them is freed by a later registry call (deleteTask is one): poll until every task of
+  // that name has been destroyed.
+  const timespec pause{0, 1000000};
+  while (pool.deleteTask(name) == 1) nanosleep(&pause, nullptr);
+  for (auto it = range.first; it != range.second; ++it) {
+    while (!it->second.expired()) {
+      nanosleep(&pause, nullptr);
+      pool.deleteTask(name);
+    }
+  }
+  d_->addedTasks.erase(name);
+  return removed;
+}
+
+void PluginContext::shutdown() {
+  for (const auto& thread : d_->threadPool) thread->stop();
+  for (const auto& thread : d_->threadPool) thread->join();
+  d_->threadPool.clear();  // destroys the threads with their tasks
+  d_->addedTasks.clear();
+}
+
+std::shared_ptr<PeriodicThread> PluginContext::getPoolThread() const {
+  return d_->threadPool.empty() ? nullptr : d_->threadPool.back();
+}
+
+// ---------------------------------------------------------------------------------------------
+// PluginLoader
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+int majorOf(int version) { return version / 1000000; }
+int minorOf(int version) { return (version / 1000) % 1000; }
+
+bool fitsMaster(int master, int target) {
+  return minorOf(master) >= minorOf(target) && majorOf(master) == majorOf(target);
+}
+
+bool readAt(int fd, void* buffer, size_t size, uint64_t offset) {
+  return pread(fd, buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+}
+
+// Whether `path` is a 64-bit ELF file whose program headers or loadable segments reach past
+// its end. The dynamic linker maps such segments and then touches the missing pages, which
+// kills the process with SIGBUS instead of failing the open; files it rejects by itself (not
+// ELF, too short for a header, another class) and names without a slash (searched for by the
+// linker) are left to it.
+bool isTruncatedElf(const std::string& path) {
+  if (path.find('/') == std::string::npos) return false;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool truncated = false;
+  struct stat status;
+  Elf64_Ehdr header;
+  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+      readAt(fd, &header, sizeof(header), 0) && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
+      header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_phentsize == sizeof(Elf64_Phdr)) {
+    const uint64_t size = static_cast<uint64_t>(status.st_size);
+    const uint64_t tableEnd = header.e_phoff + uint64_t{header.e_phnum} * sizeof(Elf64_Phdr);
+    truncated = tableEnd > size;
+    for (unsigned i = 0; !truncated && i < header.e_phnum; ++i) {
+      Elf64_Phdr segment;
+      if (!readAt(fd, &segment, sizeof(segment), header.e_phoff + i * sizeof(Elf64_Phdr))) {
+        truncated = true;
+      } else if (segment.p_type == PT_LOAD || segment.p_type == PT_DYNAMIC) {
+        truncated = segment.p_offset > size || segment.p_filesz > size - segment.p_offset;
+      }
+    }
+  }
+  close(fd);
+  return truncated;
+}
+
+}  // namespace
+
+PluginLoader::PluginLoader(const int& masterVersion) : masterVersion(masterVersion) {}
+
+PluginLoader::~PluginLoader() {
+  while (!plugins.empty()) unload(plugins.begin()->first);
+  std::puts("All the plugins have been unloaded.");
+}
+
+void* PluginLoader::load(const std::string& path) {
+  if (isTruncatedElf(path)) {
+    // Refused before the linker sees it, in the linker's own words for a short file.
+    errorText = "Cannot load library: " + path + ": file too short";
+    throw std::runtime_error(errorText);
+  }
+  void* handle = dlopen(path.c_str(), RTLD_LAZY);
+  if (handle == nullptr) setError("Cannot load library");
+  // Early returns below leave the library open on purpose: only libraries whose plug-in was
+  // started are closed by the loader.
+  auto* details = static_cast<PluginDetails*>(dlsym(handle, "exports"));
+  if (details == nullptr) return nullptr;
+  if (details->apiVersion != 1) {
+    std::printf("Api version %d is invalid!\n", details->apiVersion);
+    return nullptr;
+  }
+  if (!fitsMaster(masterVersion, details->targetMasterVersion)) {
+    std::printf("Master version %s does not match %s with version %s!\n",
+                versionIntToString(masterVersion).c_str(), details->pluginName,
+                versionIntToString(details->targetMasterVersion).c_str());
+    return nullptr;
+  }
+  PluginActivator* activator = details->create();
+  activator->start(&context);
+  plugins[handle] = {details, activator};
+  return handle;
+}
+
+void PluginLoader::unload(void* handle) {
+  auto& entry = plugins[handle];  // an unknown handle gains an empty entry, and stays
+  PluginActivator* activator = entry.second;
+  if (activator == nullptr) return;
+  activator->stop(&context);
+  entry.first->destroy(activator);
+  // The record and the destroy code live in the library: close it only after both are used.
+  if (handle != nullptr) dlclose(handle);
+  plugins.erase(handle);
+}
+
+std::string PluginLoader::dump() {
+  std::ostringstream text;
+  for (const auto& entry : plugins) {
+    const PluginDetails* details = entry.second.first;
+    if (details == nullptr) continue;  // the empty entry of an unknown handle: nothing to show
+    text << "fileName: " << details->fileName << ", className: " << details->className
+         << ", pluginName: " << details->pluginName
+         << ", pluginVersion: " << versionIntToString(details->pluginVersion) << " \n";
+  }
+  const std::vector<std::string> names = context.dumpSerivces();
+  text << "services: " << names.size() << " \n";
+  for (size_t i = 0; i < names.size(); ++i) text << (i == 0 ? "" : ", ") << names[i];
+  text << " \n";
+  return text.str();
+}
+
+std::string PluginLoader::error() const { return errorText; }
+
+void PluginLoader::setError(const std::string& what) {
+  const std::string linkerMessage = stringFrom(dlerror());
+  errorText = what + ": " + linkerMessage;
+  throw std::runtime_error(errorText);
+}
+
+void PluginLoader::shutdown() {
+  context.shutdown();
+  std::exception_ptr firstFailure;
+  while (!plugins.empty()) {
+    const auto first = plugins.begin();
+    if (first->second.second == nullptr) {
+      plugins.erase(first);
+      continue;
+    }
+    void* handle = first->first;
+    try {
+      unload(handle);
+    } catch (...) {
+      if (!firstFailure) firstFailure = std::current_exception();
+      plugins.erase(handle);
+    }
+  }
+  if (firstFailure) std::rethrow_exception(firstFailure);
+}
+
+}  // namespace kelvo
+}  // namespace mosk
