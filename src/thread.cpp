@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -255,47 +256,60 @@ struct TaskSnapshot {
 
 constexpr size_t kErrorTextSize = 1024;
 
-// The loop's latest error message, readable once from any thread. A sequence lock: the loop
-// (the only writer) never waits; a reader retries while a write is in progress.
+// The loop's latest error message, readable once from any thread. The loop (the only writer)
+// never waits. Messages alternate between two slots, each guarded by its own sequence number,
+// so the slot of the latest complete message is never the one being written: a reader copies
+// it and checks that its sequence did not move. A reader never spins and never waits for the
+// writer (a reader at a higher SCHED_FIFO priority on the loop's CPU would keep the writer from
+// finishing): it tries a bounded number of times, and each failure means two newer messages
+// were completed meanwhile, which only a writer on another CPU can do.
 class ErrorMailbox {
  public:
   // Loop thread only.
   void publish(const char* text) {
-    const uint64_t sequence = sequence_.load(kRelaxed);
-    sequence_.store(sequence + 1, kRelaxed);
+    const uint64_t number = published_.load(kRelaxed) + 1;
+    Slot& slot = slots_[number % 2];
+    slot.sequence.store(2 * number - 1, kRelaxed);  // odd: being written
+    std::atomic_thread_fence(std::memory_order_release);
     const size_t length = strnlen(text, kErrorTextSize - 1);
     uint64_t word[kWords] = {};
     std::memcpy(word, text, length);
-    // Release stores (plain moves on x86-64): a reader that sees any of these words also sees
-    // the odd sequence stored before them, and retries.
-    for (size_t i = 0; i <= length / 8; ++i) words_[i].store(word[i], std::memory_order_release);
-    sequence_.store(sequence + 2, std::memory_order_release);
+    for (size_t i = 0; i <= length / 8; ++i) slot.words[i].store(word[i], kRelaxed);
+    slot.sequence.store(2 * number, std::memory_order_release);
+    published_.store(number, std::memory_order_release);
   }
 
-  // The message published last, or "" if it was read already (or none was published).
+  // The message published last, or "" if it was read already (or none was published, or the
+  // writer kept completing newer messages during every attempt: the next call reads them).
   std::string take() {
-    for (;;) {
-      const uint64_t sequence = sequence_.load(std::memory_order_acquire);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      const uint64_t number = published_.load(std::memory_order_acquire);
       uint64_t seen = consumed_.load(std::memory_order_acquire);
-      if (sequence == seen) return {};
-      if (sequence & 1) {
-        sched_yield();
-        continue;
-      }
+      if (number == seen) return {};
+      const Slot& slot = slots_[number % 2];
+      const uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
+      if (sequence != 2 * number) continue;  // already being overwritten by a newer message
       uint64_t word[kWords];
-      for (size_t i = 0; i < kWords; ++i) word[i] = words_[i].load(std::memory_order_acquire);
-      if (sequence_.load(kRelaxed) != sequence) continue;
-      if (!consumed_.compare_exchange_strong(seen, sequence)) continue;
+      for (size_t i = 0; i < kWords; ++i) word[i] = slot.words[i].load(kRelaxed);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (slot.sequence.load(kRelaxed) != sequence) continue;
+      if (!consumed_.compare_exchange_strong(seen, number)) continue;
       const char* text = reinterpret_cast<const char*>(word);
       return std::string(text, strnlen(text, kErrorTextSize - 1));
     }
+    return {};
   }
 
  private:
   static constexpr size_t kWords = kErrorTextSize / 8;
-  std::atomic<uint64_t> sequence_{0};  // odd while a write is in progress
-  std::atomic<uint64_t> consumed_{0};  // the sequence whose message was read
-  std::atomic<uint64_t> words_[kWords] = {};
+  static constexpr int kAttempts = 4;
+  struct Slot {
+    std::atomic<uint64_t> sequence{0};  // 2n once message n is complete, odd while written
+    std::atomic<uint64_t> words[kWords] = {};
+  };
+  std::atomic<uint64_t> published_{0};  // number of the latest complete message
+  std::atomic<uint64_t> consumed_{0};   // number of the message read last
+  Slot slots_[2];
 };
 
 timespec periodToTimespec(uint32_t periodUs) {
@@ -318,6 +332,16 @@ bool isLater(const timespec& a, const timespec& b) {
   return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
 }
 
+}  // namespace
+
+namespace {
+// What the loop does on a task's first run; a prepared task skips it.
+void createCoroutine(RealTimeTaskWrapper& wrapper) {
+  wrapper.shareStack = aco_share_stack_new(0);
+  KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
+  wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0, &RealTimeTaskWrapper::execute_aco,
+                          &wrapper);
+}
 }  // namespace
 
 struct PeriodicThread::PrivateData {
@@ -360,6 +384,9 @@ struct PeriodicThread::PrivateData {
   void collectRetiredLocked();
   void publishLocked();
   bool insertLocked(const WrapperPtr& wrapper);
+  // Creates a new task's coroutine and share stack on the caller's thread, before the loop can
+  // see the task.
+  void prepare(RealTimeTaskWrapper& wrapper);
 
   const int cpu;
   const int priority;
@@ -388,6 +415,13 @@ struct PeriodicThread::PrivateData {
   std::atomic<uint64_t> taskWarningTimes{0};
   pthread_t thread{};
   bool threadCreated = false;
+  int creationError = 0;  // pthread_create's result
+  // Counts the tops of the loop's cycles: a caller that sees it move knows that the pass that
+  // was running when it looked has ended.
+  std::atomic<uint64_t> cyclesBegun{0};
+  std::atomic<bool> loopEnded{false};
+  std::atomic<bool> prepareOnAdd{false};
+  uint64_t loopFpuControl = 0;  // the loop thread's FPU control words, written before mainCo
   std::atomic<bool> threadReleased{false};  // joined or detached
 
   mutable std::mutex registryMutex;
@@ -415,9 +449,11 @@ void PeriodicThread::PrivateData::run() {
   aco_thread_init(nullptr);
   is_aco = true;
   tid.store(static_cast<int>(gettid()), kRelaxed);
+  aco_save_fpucw_mxcsr(&loopFpuControl);  // published with mainCo, which addTask waits for
   mainCo.store(aco_create(nullptr, nullptr, 0, nullptr, nullptr), std::memory_order_release);
   TimeTrace::createThreadBuffer();
   while (running.load(kRelaxed)) {
+    cyclesBegun.store(cyclesBegun.load(kRelaxed) + 1, std::memory_order_release);
     if (!paused.load(kRelaxed) && !runPasses()) break;
     sleepToNextDeadline();
     recordWakeUp();
@@ -426,6 +462,7 @@ void PeriodicThread::PrivateData::run() {
   }
   // The main coroutine stays alive: wrappers still refer to it. It is freed with this record.
   TimeTrace::deleteThreadBuffer();
+  loopEnded.store(true, std::memory_order_release);
 }
 
 // Starts loading what the next task's run touches (its coroutine, share stack, saved stack
@@ -492,12 +529,7 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
   const uint64_t t0 = Cycles::rdtsc();
   trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index));
   wrapper.runState.store(RealTimeTaskWrapper::kRunning, kRelaxed);
-  if (wrapper.co == nullptr) {
-    wrapper.shareStack = aco_share_stack_new(0);
-    KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
-    wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0,
-                            &RealTimeTaskWrapper::execute_aco, &wrapper);
-  }
+  if (wrapper.co == nullptr) createCoroutine(wrapper);
   aco_resume(wrapper.co);
   if (eager_run) {
     eager_run = false;
@@ -563,7 +595,10 @@ void PeriodicThread::PrivateData::sleepToNextDeadline() {
     if (started.load(kRelaxed)) add(missed, 1);
     advance(nextWakeup, period);
   }
-  clock_nanosleep(clockId, TIMER_ABSTIME, &nextWakeup, nullptr);
+  // A signal handler interrupts the sleep; sleeping again to the same deadline keeps one cycle
+  // per period however many signals arrive.
+  while (clock_nanosleep(clockId, TIMER_ABSTIME, &nextWakeup, nullptr) == EINTR) {
+  }
   recordLatency();
 }
 
@@ -675,6 +710,13 @@ bool PeriodicThread::PrivateData::insertLocked(const WrapperPtr& wrapper) {
   return false;  // an unknown method drops the task, silently
 }
 
+void PeriodicThread::PrivateData::prepare(RealTimeTaskWrapper& wrapper) {
+  createCoroutine(wrapper);
+  // A coroutine starts with its creating thread's FPU control words; this one runs on the loop
+  // thread, which wrote its own before publishing its main coroutine (that addTask waited for).
+  std::memcpy(&wrapper.co->saved_regs[8], &loopFpuControl, sizeof(loopFpuControl));
+}
+
 // ---------------------------------------------------------------------------------------------
 // PeriodicThread
 // ---------------------------------------------------------------------------------------------
@@ -698,6 +740,7 @@ PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMe
   pthread_attr_destroy(&attributes);
   if (result != 0) {
     delete handle;
+    d_->creationError = result;
     std::printf("pthread_create FAILED(%d): %s\n", result, std::strerror(result));
     std::fflush(stdout);
     return;
@@ -736,6 +779,23 @@ int PeriodicThread::setPeriod(int periodUs) {
 
 int PeriodicThread::getTid() const { return d_->tid.load(kRelaxed); }
 
+int PeriodicThread::getCreationError() const { return d_->creationError; }
+
+void PeriodicThread::waitForNextCycle() const {
+  if (!d_->threadCreated) return;
+  if (is_aco && d_->tid.load(kRelaxed) == static_cast<int>(gettid())) return;  // from a task
+  const uint64_t seen = d_->cyclesBegun.load(std::memory_order_acquire);
+  while (d_->cyclesBegun.load(std::memory_order_acquire) == seen &&
+         !d_->loopEnded.load(std::memory_order_acquire)) {
+    const timespec pause{0, 200000};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+void PeriodicThread::setPrepareTasksOnAdd(bool enabled) {
+  d_->prepareOnAdd.store(enabled, kRelaxed);
+}
+
 cpu_set_t PeriodicThread::getCpuAffinity() const {
   cpu_set_t set;
   CPU_ZERO(&set);
@@ -755,12 +815,14 @@ std::shared_ptr<RealTimeTask> PeriodicThread::getExecuteTask() const {
 }
 
 void PeriodicThread::addTask(std::shared_ptr<RealTimeTask> task, bool runOnce) {
+  if (task == nullptr) return;  // refused: nothing to insert, nothing to init
   aco_coroutine* mainCo;
   while ((mainCo = d_->mainCo.load(std::memory_order_acquire)) == nullptr) {
     const timespec pause{0, 100000000};
     nanosleep(&pause, nullptr);
   }
   auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, mainCo, runOnce);
+  if (d_->prepareOnAdd.load(kRelaxed)) d_->prepare(*wrapper);
   {
     std::lock_guard<std::mutex> lock(d_->registryMutex);
     d_->maintainLocked();
