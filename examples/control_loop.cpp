@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +64,11 @@ int main() {
               cpu, kSeconds);
 
   PeriodicThread thread(kPeriodUs, "control", ScheduleMethod::Priority, cpu, kPriority);
+  if (const int error = thread.getCreationError()) {  // addTask would wait for ever
+    std::printf("kelvo-demo: cannot create the thread (CPU %d, priority %d): %s\n", cpu, kPriority,
+                std::strerror(error));
+    return 1;
+  }
 
   // Preallocated before the loop starts: the real-time path must not allocate.
   std::vector<uint64_t> latencyNs(kSeconds * 1000000 / kPeriodUs + 1000);
