@@ -270,11 +270,14 @@ class ErrorMailbox {
     const uint64_t number = published_.load(kRelaxed) + 1;
     Slot& slot = slots_[number % 2];
     slot.sequence.store(2 * number - 1, kRelaxed);  // odd: being written
-    std::atomic_thread_fence(std::memory_order_release);
     const size_t length = strnlen(text, kErrorTextSize - 1);
     uint64_t word[kWords] = {};
     std::memcpy(word, text, length);
-    for (size_t i = 0; i <= length / 8; ++i) slot.words[i].store(word[i], kRelaxed);
+    // Release stores (plain moves on x86-64): a reader that sees any of these words also sees
+    // the odd sequence stored before them, and retries.
+    for (size_t i = 0; i <= length / 8; ++i) {
+      slot.words[i].store(word[i], std::memory_order_release);
+    }
     slot.sequence.store(2 * number, std::memory_order_release);
     published_.store(number, std::memory_order_release);
   }
@@ -290,8 +293,7 @@ class ErrorMailbox {
       const uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
       if (sequence != 2 * number) continue;  // already being overwritten by a newer message
       uint64_t word[kWords];
-      for (size_t i = 0; i < kWords; ++i) word[i] = slot.words[i].load(kRelaxed);
-      std::atomic_thread_fence(std::memory_order_acquire);
+      for (size_t i = 0; i < kWords; ++i) word[i] = slot.words[i].load(std::memory_order_acquire);
       if (slot.sequence.load(kRelaxed) != sequence) continue;
       if (!consumed_.compare_exchange_strong(seen, number)) continue;
       const char* text = reinterpret_cast<const char*>(word);
