@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "mosk/kelvo/thread.h"
@@ -158,6 +159,20 @@ TEST(DiagnosticsTest, HigherPriorityReaderOnTheLoopsCpuIsNeverStuck) {
   if (ready) {
     EXPECT_GT(messages.load(), 0);
   }
+}
+
+TEST(TaskExceptionDeathTest, AnExceptionEscapingATaskEndsTheProcess) {
+  KELVO_REQUIRE_SCHED_FIFO();
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        PeriodicThread thread(1000, "kelvo-throw", ScheduleMethod::Sequential, -1, 10);
+        thread.addTask(
+            "thrower", [] { throw std::runtime_error("escaped"); }, 0, 1000000, false);
+        thread.start(0);
+        std::this_thread::sleep_for(30s);  // the loop ends the process long before
+      },
+      "terminate called after throwing an instance of 'std::runtime_error'");
 }
 
 TEST(TraceMemoryTest, ThousandThreadLifetimesLeaveMemoryFlat) {

@@ -1108,5 +1108,44 @@ TEST(PeriodicThreadTest, LoopAllocatesNothingOnceTasksHaveRun) {
   EXPECT_EQ(countedAllocations.load() - allocationsAtStart.load(), 0);
 }
 
+// The loop asks each task for its name before every run (and again for an overshoot message):
+// a name longer than the string's short capacity costs one allocation per run, two when the
+// run overshoots.
+TEST(PeriodicThreadTest, LongTaskNameCostsOneAllocationPerRunAndTwoPerOvershoot) {
+  REQUIRE_SCHED_FIFO();
+  std::atomic<int> runs{0}, longRuns{0}, overshootRuns{0};
+  std::atomic<int> longRunsAtStart{0}, overshootRunsAtStart{0};
+  std::atomic<long> allocationsAtStart{-1};
+  constexpr int kWarmUp = 3;
+  constexpr int kMeasured = 50;
+  ThreadUnderTest t;
+  t->addTask(
+      "counter",
+      [&] {
+        const int run = runs.fetch_add(1) + 1;
+        if (run == kWarmUp) {
+          longRunsAtStart = longRuns.load();
+          overshootRunsAtStart = overshootRuns.load();
+          allocationsAtStart = countedAllocations.load();
+          countAllocationsHere = true;
+        }
+      },
+      0, 1000000, false);
+  const std::string longName = "a-task-name-longer-than-the-short-capacity";
+  ASSERT_GT(longName.size(), std::string().capacity());
+  t->addTask(
+      longName, [&] { longRuns.fetch_add(1); }, 0, 1000000, false);
+  t->addTask(
+      longName + "-overshooting", [&] { overshootRuns.fetch_add(1); }, 0, 0, false);
+  t->start(0);
+  ASSERT_TRUE(waitFor([&] { return runs.load() >= kWarmUp + kMeasured; }));
+  t->stop();
+  t->join();
+  const long longCount = longRuns.load() - longRunsAtStart.load();
+  const long overshootCount = overshootRuns.load() - overshootRunsAtStart.load();
+  EXPECT_GE(longCount, kMeasured);
+  EXPECT_EQ(countedAllocations.load() - allocationsAtStart.load(), longCount + 2 * overshootCount);
+}
+
 }  // namespace
 }  // namespace mosk::kelvo
