@@ -157,8 +157,7 @@ TEST(DeadlineKeeperTest, PastDeadlinesAreSkippedAndCounted) {
   nanosleep(&pause, nullptr);
   EXPECT_GE(deadlines.advance(), 5u);
   EXPECT_GT(deadlines.load.load(), 5.0);
-  EXPECT_GE(deadlines.sleepUntilDeadline(), 0);
-  EXPECT_EQ(deadlines.advance(), 0u);  // just woke: the next deadline is ahead
+  EXPECT_GE(deadlines.sleepUntilDeadline(), 0);  // never woken before the deadline
 }
 
 TEST(DeadlineKeeperTest, ZeroPeriodRunsBackToBackAndReadsNoLoad) {
