@@ -16,8 +16,8 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::StoppedOnExit;
-using testing::waitFor;
+using test_support::ThreadUnderTest;
+using test_support::waitFor;
 
 TEST(CreationErrorTest, ImpossibleCpuIsReportedAsInvalid) {
   PeriodicThread thread(1000, "kelvo-badcpu", ScheduleMethod::Sequential, 100000, 10);
@@ -37,13 +37,13 @@ TEST(CreationErrorTest, PriorityOutsideTheFifoRangeIsReportedAsInvalid) {
 
 TEST(CreationErrorTest, ZeroWhenTheThreadExists) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t;
+  ThreadUnderTest t;
   EXPECT_EQ(t->getCreationError(), 0);
 }
 
 TEST(WaitForNextCycleTest, ARemovedTaskNeverRunsOnceItReturns) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t(1000);
+  ThreadUnderTest t(1000);
   auto data = std::make_unique<std::atomic<int>>(0);
   std::atomic<std::atomic<int>*> shared{data.get()};
   std::atomic<bool> inside{false};
@@ -77,7 +77,7 @@ TEST(WaitForNextCycleTest, ARemovedTaskNeverRunsOnceItReturns) {
 
 TEST(WaitForNextCycleTest, WorksAfterCleanTaskAndOnAPausedThread) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t(1000);
+  ThreadUnderTest t(1000);
   std::atomic<int> runs{0};
   t->addTask(
       "counter", [&] { runs.fetch_add(1); }, 0, 1000000, false);
@@ -104,7 +104,7 @@ TEST(WaitForNextCycleTest, ReturnsAtOnceOnceTheThreadHasEnded) {
 
 TEST(WaitForNextCycleTest, ReturnsAtOnceFromTheThreadsOwnTask) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t(1000);
+  ThreadUnderTest t(1000);
   std::atomic<int> runs{0};
   PeriodicThread* thread = &t.thread;
   t->addTask(
@@ -141,7 +141,7 @@ class InspectedTask : public RealTimeTask {
 
 TEST(PrepareTasksTest, DefaultCreatesTheCoroutineAtTheFirstRun) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t(1000);
+  ThreadUnderTest t(1000);
   auto task = std::make_shared<InspectedTask>();
   t->addTask(task);
   auto wrapper = task->wrapper.lock();
@@ -151,7 +151,7 @@ TEST(PrepareTasksTest, DefaultCreatesTheCoroutineAtTheFirstRun) {
 
 TEST(PrepareTasksTest, PreparedTaskHasItsCoroutineBeforeItsFirstRunAndRunsNormally) {
   KELVO_REQUIRE_SCHED_FIFO();
-  StoppedOnExit t(1000);
+  ThreadUnderTest t(1000);
   t->setPrepareTasksOnAdd(true);
   auto task = std::make_shared<InspectedTask>();
   t->addTask(task);

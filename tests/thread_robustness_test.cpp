@@ -22,8 +22,8 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::StoppedOnExit;
-using testing::waitFor;
+using test_support::ThreadUnderTest;
+using test_support::waitFor;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
@@ -66,7 +66,7 @@ TEST(SignalTest, SignalStormNeitherAddsCyclesNorDelaysTheThread) {
   KELVO_REQUIRE_SCHED_FIFO();
   QuietSignalHandler handler;
   std::atomic<int> runs{0};
-  auto t = std::make_unique<StoppedOnExit>(10000);  // 100 Hz
+  auto t = std::make_unique<ThreadUnderTest>(10000);  // 100 Hz
   (*t)->addTask(
       "counter", [&] { runs.fetch_add(1); }, 0, 1000000, false);
   (*t)->start(0);
@@ -125,10 +125,10 @@ bool becomeRealTimeOn(int cpu, int priority) {
 
 TEST(DiagnosticsTest, HigherPriorityReaderOnTheLoopsCpuIsNeverStuck) {
   KELVO_REQUIRE_SCHED_FIFO();
-  const int cpu = testing::lastAllowedCpu();
+  const int cpu = test_support::lastAllowedCpu();
   // Period 0: back-to-back cycles, and every run overshoots its limit of 0, so the loop is
   // publishing an error text most of the time.
-  StoppedOnExit t(0, cpu, 10);
+  ThreadUnderTest t(0, ScheduleMethod::Sequential, cpu, 10);
   std::atomic<int> runs{0};
   t->addTask(
       "overshoot", [&] { runs.fetch_add(1); }, 0, 0, false);

@@ -7,12 +7,19 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <atomic>
 #include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/thread.h"
 
-namespace mosk::kelvo::testing {
+namespace mosk::kelvo::test_support {
 
 // Whether this process may create SCHED_FIFO threads (root, CAP_SYS_NICE or RLIMIT_RTPRIO).
 inline bool mayUseSchedFifo() {
@@ -35,7 +42,7 @@ inline bool mayUseSchedFifo() {
 }
 
 #define KELVO_REQUIRE_SCHED_FIFO()                                                         \
-  if (!::mosk::kelvo::testing::mayUseSchedFifo())                                          \
+  if (!::mosk::kelvo::test_support::mayUseSchedFifo())                                          \
   GTEST_SKIP() << "this process may not create SCHED_FIFO threads (run as root, or grant " \
                   "CAP_SYS_NICE / RLIMIT_RTPRIO)"
 
@@ -52,16 +59,77 @@ bool waitFor(Condition condition,
 }
 
 // A periodic thread at a modest priority that is always stopped and joined.
-class StoppedOnExit {
+class ThreadUnderTest {
  public:
-  explicit StoppedOnExit(unsigned periodUs = 1000, int cpu = -1, int priority = 10)
-      : thread(periodUs, "kelvo-test", ScheduleMethod::Sequential, cpu, priority) {}
-  ~StoppedOnExit() {
+  explicit ThreadUnderTest(unsigned periodUs = 1000,
+                           ScheduleMethod method = ScheduleMethod::Sequential, int cpu = -1,
+                           int priority = 10)
+      : thread(periodUs, "kelvo-test", method, cpu, priority) {}
+  ~ThreadUnderTest() {
     thread.stop();
     thread.join();
   }
   PeriodicThread* operator->() { return &thread; }
   PeriodicThread thread;
+};
+
+// A log shared between tasks (on the loop thread) and the test.
+class EventLog {
+ public:
+  void add(const std::string& event) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(event);
+  }
+  std::vector<std::string> events() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  size_t size() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_.size();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> events_;
+};
+
+// Counts a task's runs and keeps the counter values of its first and latest run.
+struct RunClock {
+  void tick() {
+    const uint64_t now = Cycles::rdtsc();
+    if (runs.load() == 0) first = now;
+    last = now;
+    runs.fetch_add(1);
+  }
+  uint64_t spanUs() const { return Cycles::toMicroseconds(last.load() - first.load()); }
+
+  std::atomic<int> runs{0};
+  std::atomic<uint64_t> first{0};
+  std::atomic<uint64_t> last{0};
+};
+
+// A user task implemented directly on the interface.
+class CountingTask : public RealTimeTask {
+ public:
+  CountingTask(std::string name, int priority) : name_(std::move(name)), priority_(priority) {}
+  void init(std::shared_ptr<RealTimeTaskApi> api) override {
+    api_ = api;
+    initialised = api != nullptr;
+  }
+  std::string getName() const override { return name_; }
+  int getPriority() const override { return priority_; }
+  unsigned long getExpectedMaxRuntime() override { return 1000000; }
+  void execute() override { runs.fetch_add(1); }
+
+  std::shared_ptr<RealTimeTaskApi> api() const { return api_.lock(); }
+  std::atomic<int> runs{0};
+  std::atomic<bool> initialised{false};
+
+ private:
+  std::string name_;
+  int priority_;
+  std::weak_ptr<RealTimeTaskApi> api_;  // a shared_ptr here would make a reference cycle
 };
 
 // The CPU the calling thread may run on with the highest number.
@@ -75,6 +143,6 @@ inline int lastAllowedCpu() {
   return 0;
 }
 
-}  // namespace mosk::kelvo::testing
+}  // namespace mosk::kelvo::test_support
 
 #endif  // KELVO_TESTS_THREAD_TEST_SUPPORT_H_
