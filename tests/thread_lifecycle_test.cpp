@@ -16,8 +16,6 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::ThreadUnderTest;
-using test_support::waitFor;
 
 TEST(CreationErrorTest, ImpossibleCpuIsReportedAsInvalid) {
   PeriodicThread thread(1000, "kelvo-badcpu", ScheduleMethod::Sequential, 100000, 10);

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "memory_probe.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
 #include "thread_test_support.h"
@@ -22,29 +23,10 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::ThreadUnderTest;
-using test_support::waitFor;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
-// Resident memory of this process in bytes.
-long residentBytes() {
-  long pages = 0, resident = 0;
-  if (FILE* file = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(file, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(file);
-  }
-  return resident * sysconf(_SC_PAGESIZE);
-}
-
-size_t registeredRings() {
-  std::lock_guard<std::mutex> lock(TimeTrace::mutex);
-  return TimeTrace::threadBuffers.size();
-}
+using test_support::kSanitized;
+using test_support::registeredRings;
+using test_support::residentBytes;
 
 // Installs a do-nothing SIGUSR1 handler without SA_RESTART for the test's lifetime.
 class QuietSignalHandler {

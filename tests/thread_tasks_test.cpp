@@ -35,12 +35,6 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::CountingTask;
-using test_support::EventLog;
-using test_support::RunClock;
-using test_support::ThreadUnderTest;
-using test_support::waitFor;
-#define REQUIRE_SCHED_FIFO() KELVO_REQUIRE_SCHED_FIFO()
 
 // --- Task model ------------------------------------------------------------------------------
 

@@ -42,7 +42,7 @@ inline bool mayUseSchedFifo() {
 }
 
 #define KELVO_REQUIRE_SCHED_FIFO()                                                         \
-  if (!::mosk::kelvo::test_support::mayUseSchedFifo())                                          \
+  if (!::mosk::kelvo::test_support::mayUseSchedFifo())                                     \
   GTEST_SKIP() << "this process may not create SCHED_FIFO threads (run as root, or grant " \
                   "CAP_SYS_NICE / RLIMIT_RTPRIO)"
 
@@ -144,5 +144,15 @@ inline int lastAllowedCpu() {
 }
 
 }  // namespace mosk::kelvo::test_support
+
+// The periodic-thread test files use these names unqualified.
+namespace mosk::kelvo {
+using test_support::CountingTask;
+using test_support::EventLog;
+using test_support::RunClock;
+using test_support::ThreadUnderTest;
+using test_support::waitFor;
+}  // namespace mosk::kelvo
+#define REQUIRE_SCHED_FIFO() KELVO_REQUIRE_SCHED_FIFO()
 
 #endif  // KELVO_TESTS_THREAD_TEST_SUPPORT_H_

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "memory_probe.h"
 #include "mosk/kelvo/time_trace.h"
 
 namespace mosk::kelvo {
@@ -18,25 +19,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
-long residentBytes() {
-  long pages = 0, resident = 0;
-  if (FILE* file = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(file, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(file);
-  }
-  return resident * sysconf(_SC_PAGESIZE);
-}
-
-size_t registeredRings() {
-  std::lock_guard<std::mutex> lock(TimeTrace::mutex);
-  return TimeTrace::threadBuffers.size();
-}
+using test_support::kSanitized;
+using test_support::registeredRings;
+using test_support::residentBytes;
 
 TEST(TimeTraceConcurrencyTest, ResetRecordAndPrintMayRunTogether) {
   std::atomic<bool> stop{false};

@@ -229,7 +229,8 @@ class KELVO_EXPORT PeriodicThread {
   // been running a task removed with deleteTask() or cleanTask() has ended, and removed tasks
   // never run again, so what they use may be freed. Returns at once when there is no thread or
   // its loop has ended, and when called from one of this thread's own tasks (the loop cannot
-  // begin a new cycle while it waits). Polls every 0.2 ms, so it waits up to about a period.
+  // begin a new cycle while it waits). Polls every 0.2 ms: it waits for the rest of the
+  // current pass and the sleep to the next deadline, about a period.
   void waitForNextCycle() const;
   // Off by default: each task's coroutine and 2 MiB share stack are created on the loop thread
   // at the task's first run (an mmap, an mprotect and two allocations, and under
@@ -278,7 +279,10 @@ class KELVO_EXPORT PeriodicThread {
   // The thread's counters as numbers (an addition to getStatus()/getWarning(), which format
   // them into accumulating text).
   WakeStatistics getWakeStatistics() const;
-  // The latest overshoot message, once: the read clears it. Empty if there is none.
+  // The latest overshoot message, once: the read clears it. Empty if there is none. Never waits
+  // for the loop (a reader at a higher priority on the loop's CPU cannot stall it): it makes a
+  // few attempts and returns empty if the loop completed two newer messages during each; the
+  // next call then reads the newest.
   std::string getErrorString();
   // Records "Task FRAME ..." and "Task[i] ..." events into the thread's time-trace ring.
   void setTraceEnabled(bool enabled);
