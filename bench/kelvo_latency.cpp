@@ -11,6 +11,7 @@
 // line above goes to standard error.
 #include <getopt.h>
 #include <mosk/kelvo.h>
+#include <sched.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -34,17 +36,34 @@ struct Options {
   size_t histogramBuckets = 0;  // 0: no histogram
 };
 
-// Buckets for -h: a whole number from 1 to 1000000; exits with a message otherwise.
-size_t parseBuckets(const char* text) {
-  char* end = nullptr;
+const char* program = "kelvo-latency";
+
+[[noreturn]] void usage() {
+  std::fprintf(stderr,
+               "usage: %s [-i period_us] [-p priority] [-a cpu] [-D seconds] [-h buckets]\n",
+               program);
+  std::exit(2);
+}
+
+// The whole of `text` as a decimal number within [low, high]; otherwise names the option and
+// its accepted range, and exits with 2.
+long parseNumber(char option, const char* text, long low, long high, const char* what) {
   errno = 0;
-  const long long value = std::strtoll(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || value < 1 || value > 1000000) {
-    std::fprintf(stderr, "kelvo-latency: bad histogram size -h '%s' (1 to 1000000 buckets)\n",
-                 text);
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || value < low || value > high) {
+    std::fprintf(stderr, "%s: invalid -%c '%s': %s must be a whole number from %ld to %ld\n",
+                 program, option, text, what, low, high);
     std::exit(2);
   }
-  return static_cast<size_t>(value);
+  return value;
+}
+
+bool cpuIsAllowed(int cpu) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  return sched_getaffinity(0, sizeof(allowed), &allowed) == 0 && cpu < CPU_SETSIZE &&
+         CPU_ISSET(cpu, &allowed);
 }
 
 Options parse(int argc, char** argv) {
@@ -53,27 +72,38 @@ Options parse(int argc, char** argv) {
   while ((option = getopt(argc, argv, "i:p:a:D:h:")) != -1) {
     switch (option) {
       case 'i':
-        options.periodUs = static_cast<unsigned>(std::atoi(optarg));
+        options.periodUs =
+            static_cast<unsigned>(parseNumber('i', optarg, 1, 1000000, "the period in us"));
         break;
       case 'p':
-        options.priority = std::atoi(optarg);
+        options.priority =
+            static_cast<int>(parseNumber('p', optarg, 1, 99, "the SCHED_FIFO priority"));
         break;
       case 'a':
-        options.cpu = std::atoi(optarg);
+        options.cpu = static_cast<int>(parseNumber('a', optarg, 0, CPU_SETSIZE - 1, "the CPU"));
+        if (!cpuIsAllowed(options.cpu)) {
+          std::fprintf(stderr,
+                       "%s: invalid -a '%s': CPU %d does not exist or is not allowed "
+                       "for this process (see taskset -p $$)\n",
+                       program, optarg, options.cpu);
+          std::exit(2);
+        }
         break;
       case 'D':
-        options.seconds = std::atoi(optarg);
+        options.seconds =
+            static_cast<int>(parseNumber('D', optarg, 1, 86400, "the duration in seconds"));
         break;
       case 'h':
-        options.histogramBuckets = parseBuckets(optarg);
+        options.histogramBuckets = static_cast<size_t>(
+            parseNumber('h', optarg, 1, 1000000, "the number of histogram buckets"));
         break;
       default:
-        std::fprintf(stderr,
-                     "usage: %s [-i period_us] [-p priority] [-a cpu] [-D seconds] "
-                     "[-h buckets]\n",
-                     argv[0]);
-        std::exit(2);
+        usage();
     }
+  }
+  if (optind != argc) {
+    std::fprintf(stderr, "%s: unexpected argument '%s'\n", program, argv[optind]);
+    usage();
   }
   return options;
 }
@@ -99,6 +129,11 @@ int main(int argc, char** argv) {
   std::atomic<size_t> count{0};
   PeriodicThread thread(options.periodUs, "kelvo-latency", mosk::kelvo::ScheduleMethod::Sequential,
                         options.cpu, options.priority);
+  if (const int error = thread.getCreationError()) {
+    std::fprintf(stderr, "%s: cannot create the thread (priority -p %d, CPU -a %d): %s\n", program,
+                 options.priority, options.cpu, std::strerror(error));
+    return 1;
+  }
   thread.addTask(
       "sample",
       [&] {

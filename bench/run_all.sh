@@ -18,4 +18,4 @@ echo "== shared-memory topics"
 echo "== memory of 10,000 suspended coroutines"
 "$build/bench/kelvo_aco_memory"
 echo "== wake-up latency against cyclictest"
-"$(dirname "$0")/latency_compare.sh" "$build" 1000 80 "$(($(nproc) - 1))" 10 2
+"$(dirname "$0")/latency_compare.sh" "$build" 1000 80 "$(($(nproc) - 1))" 10 5

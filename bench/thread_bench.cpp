@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -43,6 +45,12 @@ void BM_PeriodicThreadPassPerTask(benchmark::State& state) {
   PeriodicThread::setLatencyTarget();
   PeriodicThread thread(1000, "bench-dispatch", mosk::kelvo::ScheduleMethod::Sequential, loopCpu,
                         80);
+  if (const int error = thread.getCreationError()) {  // addTask would wait for ever
+    state.SkipWithError(
+        ("cannot create the thread on CPU " + std::to_string(loopCpu) + ": " + std::strerror(error))
+            .c_str());
+    return;
+  }
   std::atomic<uint64_t> passBegin{0}, passCycles{0};
   std::atomic<uint64_t> passes{0};
   thread.addTask(

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,6 +90,14 @@ int main(int argc, char** argv) {
               cpu, kSeconds);
 
   PeriodicThread thread(kPeriodUs, "control", ScheduleMethod::Priority, cpu, kPriority);
+  if (const int error = thread.getCreationError()) {  // addTask would wait for ever
+    std::printf("kelvo-demo: cannot create the thread (CPU %d, priority %d): %s\n", cpu, kPriority,
+                std::strerror(error));
+    return 1;
+  }
+  // Create each task's coroutine and share stack here rather than in the first period: under
+  // mlockall every 2 MiB stack is faulted in when it is mapped.
+  thread.setPrepareTasksOnAdd(true);
 
   // Preallocated before the loop starts: the real-time path must not allocate.
   std::vector<uint64_t> latencyNs(kSeconds * 1000000 / kPeriodUs + 1000);
@@ -123,8 +132,6 @@ int main(int argc, char** argv) {
       10, 500);
 
   thread.setTraceEnabled(true);
-  // The first pass creates each task's coroutine and share stack (with mlockall, the 2 MiB
-  // stacks are faulted in at once), so it usually overshoots the pass limit once.
   thread.start(/*limitUs=*/800);
   std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
   // Stop and join before reading what the tasks wrote (latency samples, controller state):

@@ -1,8 +1,9 @@
 // kelvo-check: a real-time readiness report for the machine it runs on.
 //
 // Each line starts with OK, WARN or FAIL and, where something is missing, says what to change.
-// Exits with 1 only if the library itself misbehaves (clock or digest self-test); a machine that
-// is merely not set up for real-time work exits with 0 and a list of warnings.
+// Exits with 1 when kelvo cannot do its job here: the clock or digest self-test fails, or
+// SCHED_FIFO is refused (no periodic thread can be created). A machine that is merely not tuned
+// for real-time work exits with 0 and a list of warnings.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/utsname.h>
@@ -75,8 +76,14 @@ void checkKernel() {
   utsname names{};
   uname(&names);
   const std::string realtime = readFirstLine("/sys/kernel/realtime");
+  const bool saysPreemptRt = std::strstr(names.version, "PREEMPT_RT") != nullptr;
   if (PeriodicThread::detectPreemptRt()) {
     report("OK", std::string("PREEMPT RT kernel: ") + names.release + " " + names.version);
+  } else if (saysPreemptRt) {
+    // Current real-time kernels write the tag with an underscore; detectPreemptRt() only
+    // accepts "PREEMPT RT" (and /sys/kernel/realtime reading 1).
+    report("OK", std::string("PREEMPT_RT kernel: ") + names.release + " " + names.version +
+                     " (detectPreemptRt() is false: it looks for \"PREEMPT RT\")");
   } else if (realtime == "1") {
     report("OK", std::string("real-time kernel (/sys/kernel/realtime is 1; its version text ") +
                      names.version +
@@ -94,10 +101,20 @@ void checkScheduling() {
   if (priorityResult == 0) {
     report("OK", "SCHED_FIFO priority 80 allowed");
   } else {
-    report("WARN",
-           "SCHED_FIFO refused -> run as root, grant CAP_SYS_NICE (setcap "
-           "cap_sys_nice+ep <program>), or raise rtprio in /etc/security/limits.conf");
+    report("FAIL",
+           "SCHED_FIFO refused: kelvo cannot create its periodic threads -> run as root, grant "
+           "CAP_SYS_NICE (setcap cap_sys_nice+ep <program>), or raise rtprio in "
+           "/etc/security/limits.conf");
   }
+  PeriodicThread probe(1000, "kelvo-check", mosk::kelvo::ScheduleMethod::Sequential, -1, 80);
+  if (const int error = probe.getCreationError()) {
+    report("FAIL", std::string("a periodic thread at priority 80 cannot be created: ") +
+                       std::strerror(error));
+  } else {
+    report("OK", "a periodic thread at priority 80 was created");
+  }
+  probe.stop();
+  probe.join();
   const std::string runtime = readFirstLine("/proc/sys/kernel/sched_rt_runtime_us");
   if (runtime == "-1") {
     report("OK", "real-time throttling off (sched_rt_runtime_us = -1)");

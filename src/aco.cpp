@@ -28,34 +28,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) && !defined(__SANITIZE_ADDRESS__)
-#define __SANITIZE_ADDRESS__ 1
-#endif
-#if __has_feature(thread_sanitizer) && !defined(__SANITIZE_THREAD__)
-#define __SANITIZE_THREAD__ 1
-#endif
-#endif
+#include "sanitizer_fiber.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KELVO_ACO_ASAN 1
-#include <sanitizer/asan_interface.h>
-#include <sanitizer/common_interface_defs.h>
-#include <sanitizer/lsan_interface.h>
-#define KELVO_ACO_NO_ASAN __attribute__((no_sanitize_address))
-#else
-#define KELVO_ACO_ASAN 0
-#define KELVO_ACO_NO_ASAN
-#endif
-
-#if defined(__SANITIZE_THREAD__)
-#define KELVO_ACO_TSAN 1
-#include <sanitizer/tsan_interface.h>
-#else
-#define KELVO_ACO_TSAN 0
-#endif
-
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
 #include <mutex>
 #include <unordered_map>
 #endif
@@ -101,8 +76,8 @@ inline void abortUnless(bool condition) {
 
 // A plain forward copy. Under ASan it must not go through the intercepted memcpy, which would
 // check the source range and trip over the redzones inside the frames being saved.
-KELVO_ACO_NO_ASAN inline void copyBytes(void* dst, const void* src, size_t n) {
-#if KELVO_ACO_ASAN
+KELVO_NO_ASAN inline void copyBytes(void* dst, const void* src, size_t n) {
+#if KELVO_ASAN
   __asm__ volatile("rep movsb" : "+D"(dst), "+S"(src), "+c"(n) : : "memory");
 #else
   std::memcpy(dst, src, n);
@@ -113,7 +88,7 @@ KELVO_ACO_NO_ASAN inline void copyBytes(void* dst, const void* src, size_t n) {
 // boundary (the return slot is 8 below the aligned top): 16k + 8 bytes between two 16-byte
 // aligned addresses. Those up to 136 bytes are moved with aligned 16-byte loads and stores
 // plus one final 8-byte move, without a call; everything else goes to memcpy.
-KELVO_ACO_NO_ASAN inline void copyStack(void* dst, const void* src, size_t n) {
+KELVO_NO_ASAN inline void copyStack(void* dst, const void* src, size_t n) {
   const uintptr_t alignment = reinterpret_cast<uintptr_t>(dst) | reinterpret_cast<uintptr_t>(src);
   if ((alignment & 15) == 0 && n <= 136 && (n & 15) == 8) {
     __m128i* d = static_cast<__m128i*>(dst);
@@ -157,7 +132,7 @@ KELVO_ACO_NO_ASAN inline void copyStack(void* dst, const void* src, size_t n) {
 
 // ---- Sanitizer bookkeeping (sanitizer builds only) ----
 
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
 // What a sanitizer needs to remember per non-main coroutine. The record layout is public and
 // fixed, so this lives beside it, keyed by the record's address. Coroutines may be destroyed on
 // another thread than the one running them, hence the mutex.
@@ -178,10 +153,7 @@ std::unordered_map<const aco_coroutine*, SanitizerFiber>& fibers() {
 
 void registerFiber(const aco_coroutine* co) {
   SanitizerFiber fiber;
-#if KELVO_ACO_TSAN
-  fiber.tsanFiber = __tsan_create_fiber(0);
-  __tsan_set_fiber_name(fiber.tsanFiber, "aco coroutine");
-#endif
+  fiber.tsanFiber = mosk::kelvo::fiber::createFiber("aco coroutine");
   std::lock_guard<std::mutex> lock(fiberMutex());
   fibers()[co] = fiber;
 }
@@ -201,13 +173,11 @@ void unregisterFiber(const aco_coroutine* co) {
     fiber = it->second;
     fibers().erase(it);
   }
-#if KELVO_ACO_TSAN
-  if (fiber.tsanFiber != nullptr) __tsan_destroy_fiber(fiber.tsanFiber);
-#endif
+  mosk::kelvo::fiber::destroyFiber(fiber.tsanFiber);
 }
 #endif
 
-#if KELVO_ACO_ASAN
+#if KELVO_ASAN
 // LeakSanitizer scans thread stacks and the heap, not anonymous mappings: without this, what a
 // suspended coroutine's frames point to (on a mapped share stack) would be reported as leaked.
 void registerRootRegion(aco_share_stack* s) {
@@ -221,38 +191,28 @@ void unregisterRootRegion(aco_share_stack* s) {
 void clearShareStackShadow(aco_share_stack* s) { __asan_unpoison_memory_region(s->base, s->size); }
 #endif
 
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
 // Switches from co's main coroutine into co and back, telling the sanitizers in use.
 inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
-  SanitizerFiber* fiber = findFiber(co);
-  abortUnless(fiber != nullptr);
-#endif
-#if KELVO_ACO_ASAN
+  namespace fiber = mosk::kelvo::fiber;
+  SanitizerFiber* state = findFiber(co);
+  abortUnless(state != nullptr);
   // Announce and complete the switch to the share stack before jumping: nothing instrumented
   // runs between here and the body, and coming back is announced the same way below.
   void* main_fake_stack = nullptr;
   const void* main_bottom = nullptr;
   size_t main_size = 0;
-  __sanitizer_start_switch_fiber(&main_fake_stack, co->share_stack->base, co->share_stack->size);
-  __sanitizer_finish_switch_fiber(fiber->asanFakeStack, &main_bottom, &main_size);
-#endif
-#if KELVO_ACO_TSAN
-  void* main_fiber = __tsan_get_current_fiber();
-  __tsan_switch_to_fiber(fiber->tsanFiber, 0);
-#endif
+  fiber::startSwitch(&main_fake_stack, co->share_stack->base, co->share_stack->size);
+  fiber::finishSwitch(state->asanFakeStack, &main_bottom, &main_size);
+  void* main_fiber = fiber::currentFiber();
+  fiber::switchToFiber(state->tsanFiber);
 
   kelvo_acosw_local(main_co, co);
 
-#if KELVO_ACO_TSAN
-  __tsan_switch_to_fiber(main_fiber, 0);
-#endif
-#if KELVO_ACO_ASAN
+  fiber::switchToFiber(main_fiber);
   // An ended coroutine's fake stack is released (null save pointer); a suspended one keeps it.
-  __sanitizer_start_switch_fiber(co->is_end ? nullptr : &fiber->asanFakeStack, main_bottom,
-                                 main_size);
-  __sanitizer_finish_switch_fiber(main_fake_stack, nullptr, nullptr);
-#endif
+  fiber::startSwitch(co->is_end ? nullptr : &state->asanFakeStack, main_bottom, main_size);
+  fiber::finishSwitch(main_fake_stack, nullptr, nullptr);
 }
 #endif
 
@@ -328,13 +288,13 @@ void restoreStack(aco_coroutine* co, aco_share_stack* s) {
 // of line so that resuming the owner of a share stack stays a short call.
 __attribute__((noinline)) void handOverShareStack(aco_coroutine* co, aco_share_stack* s) {
   if (s->owner != nullptr) saveOwnerStack(s->owner, s);
-#if KELVO_ACO_ASAN
+#if KELVO_ASAN
   clearShareStackShadow(s);
 #endif
   restoreStack(co, s);
 }
 
-#if !(KELVO_ACO_ASAN || KELVO_ACO_TSAN)
+#if !(KELVO_ASAN || KELVO_TSAN)
 // aco_resume's path for a coroutine that does not own its share stack yet. Out of line, so
 // that the common path (the owner resumed again) needs no stack frame at all.
 __attribute__((noinline)) void handOverAndSwitch(aco_coroutine* co) {
@@ -413,7 +373,7 @@ aco_share_stack* aco_share_stack_new2(size_t size, char guard_page_enabled) {
   std::memcpy(s->return_slot, &protector, sizeof(protector));
   abortUnless(s->size > 40);
   s->limit = s->size - 32;
-#if KELVO_ACO_ASAN
+#if KELVO_ASAN
   registerRootRegion(s);
 #endif
   return s;
@@ -421,7 +381,7 @@ aco_share_stack* aco_share_stack_new2(size_t size, char guard_page_enabled) {
 
 void aco_share_stack_destroy(aco_share_stack* s) {
   abortUnless(s != nullptr && s->base != nullptr);
-#if KELVO_ACO_ASAN
+#if KELVO_ASAN
   unregisterRootRegion(s);
 #endif
   if (s->guard_enabled != 0) {
@@ -464,7 +424,7 @@ aco_coroutine* aco_create(aco_coroutine* main_co, aco_share_stack* share_stack,
   if (co->save_stack.buffer == nullptr) allocationFailed(kLineSaveStackBuffer, "aco_create");
   co->save_stack.capacity = capacity;
   co->save_stack.valid_size = 0;
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
   registerFiber(co);
 #endif
   return co;
@@ -473,7 +433,7 @@ aco_coroutine* aco_create(aco_coroutine* main_co, aco_share_stack* share_stack,
 void aco_resume(aco_coroutine* co) {
   abortUnless(co != nullptr && co->main_co != nullptr && co->is_end == 0);
   aco_share_stack* s = co->share_stack;
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
   if (s->owner != co) handOverShareStack(co, s);
   aco_coroutine* main_co = co->main_co;
   aco_gtls_co = co;
@@ -497,7 +457,7 @@ void aco_destroy(aco_coroutine* co) {
       s->valid_size = 0;
     }
     std::free(co->save_stack.buffer);
-#if KELVO_ACO_ASAN || KELVO_ACO_TSAN
+#if KELVO_ASAN || KELVO_TSAN
     unregisterFiber(co);
 #endif
   }

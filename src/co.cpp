@@ -11,13 +11,7 @@
 #include <utility>
 
 #include "kelvo_assert.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
-#endif
-#if defined(__SANITIZE_THREAD__)
-#include <sanitizer/tsan_interface.h>
-#endif
+#include "sanitizer_fiber.h"
 
 namespace mosk {
 namespace kelvo {
@@ -39,10 +33,10 @@ constexpr int32_t kStatusYielded = 3;
 // Switch bookkeeping that AddressSanitizer and ThreadSanitizer need to follow a context
 // switch onto another stack. Empty (and every hook a no-op) in normal builds.
 struct FiberState {
-#if defined(__SANITIZE_ADDRESS__)
+#if KELVO_ASAN
   void* fake_stack = nullptr;
 #endif
-#if defined(__SANITIZE_THREAD__)
+#if KELVO_TSAN
   void* tsan_fiber = nullptr;
 #endif
 };
@@ -54,12 +48,12 @@ struct RoutineRecord : Routine {
 // The scheduler side of the switches of this thread. Trivially destructible on purpose: it
 // must stay usable while the thread-local Ordinator is being destroyed.
 struct SchedulerFiber {
-#if defined(__SANITIZE_ADDRESS__)
+#if KELVO_ASAN
   void* fake_stack = nullptr;
   const void* stack_bottom = nullptr;
   size_t stack_size = 0;
 #endif
-#if defined(__SANITIZE_THREAD__)
+#if KELVO_TSAN
   void* tsan_fiber = nullptr;
 #endif
 };
@@ -68,52 +62,52 @@ struct SchedulerFiber {
 RoutineRecord* recordOf(Routine* routine) { return static_cast<RoutineRecord*>(routine); }
 
 void prepareFiber([[maybe_unused]] RoutineRecord* record) {
-#if defined(__SANITIZE_THREAD__)
-  record->fiber.tsan_fiber = __tsan_create_fiber(0);
+#if KELVO_TSAN
+  record->fiber.tsan_fiber = fiber::createFiber("coroutine");
 #endif
 }
 
 void destroyFiber([[maybe_unused]] RoutineRecord* record) {
-#if defined(__SANITIZE_THREAD__)
-  if (record->fiber.tsan_fiber != nullptr) __tsan_destroy_fiber(record->fiber.tsan_fiber);
+#if KELVO_TSAN
+  fiber::destroyFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler right before it switches into `record`.
 void leaveScheduler([[maybe_unused]] RoutineRecord* record) {
-#if defined(__SANITIZE_ADDRESS__)
-  __sanitizer_start_switch_fiber(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
+#if KELVO_ASAN
+  fiber::startSwitch(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
 #endif
-#if defined(__SANITIZE_THREAD__)
-  scheduler_fiber.tsan_fiber = __tsan_get_current_fiber();
-  __tsan_switch_to_fiber(record->fiber.tsan_fiber, 0);
+#if KELVO_TSAN
+  scheduler_fiber.tsan_fiber = fiber::currentFiber();
+  fiber::switchToFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler once control is back from a coroutine.
 void enterScheduler() {
-#if defined(__SANITIZE_ADDRESS__)
-  __sanitizer_finish_switch_fiber(scheduler_fiber.fake_stack, nullptr, nullptr);
+#if KELVO_ASAN
+  fiber::finishSwitch(scheduler_fiber.fake_stack, nullptr, nullptr);
 #endif
 }
 
 // Called by a coroutine right before it switches back to the scheduler. A coroutine that will
 // never run again releases its sanitizer state here.
 void leaveRoutine([[maybe_unused]] RoutineRecord* record, [[maybe_unused]] bool final_switch) {
-#if defined(__SANITIZE_ADDRESS__)
-  __sanitizer_start_switch_fiber(final_switch ? nullptr : &record->fiber.fake_stack,
-                                 scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
+#if KELVO_ASAN
+  fiber::startSwitch(final_switch ? nullptr : &record->fiber.fake_stack,
+                     scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
 #endif
-#if defined(__SANITIZE_THREAD__)
-  __tsan_switch_to_fiber(scheduler_fiber.tsan_fiber, 0);
+#if KELVO_TSAN
+  fiber::switchToFiber(scheduler_fiber.tsan_fiber);
 #endif
 }
 
 // Called by a coroutine when it starts or continues after a switch from the scheduler.
 void enterRoutine([[maybe_unused]] RoutineRecord* record) {
-#if defined(__SANITIZE_ADDRESS__)
-  __sanitizer_finish_switch_fiber(record == nullptr ? nullptr : record->fiber.fake_stack,
-                                  &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
+#if KELVO_ASAN
+  fiber::finishSwitch(record == nullptr ? nullptr : record->fiber.fake_stack,
+                      &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
 #endif
 }
 
@@ -216,7 +210,7 @@ int yield() {
   Routine* routine = ord.routines[ord.current - 1];
   if (routine == nullptr) return -2;
 
-#if defined(__SANITIZE_ADDRESS__)
+#if KELVO_ASAN
   // How deep the coroutine is in its stack, measured at this frame. With use-after-return
   // detection a local may live on AddressSanitizer's separate fake stack, so use the real frame.
   const char* stack_bottom = static_cast<const char*>(__builtin_frame_address(0));

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 #include "kelvo_assert.h"
 #include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/time_trace.h"
+#include "periodic_thread_parts.h"
 
 namespace mosk {
 namespace kelvo {
@@ -156,11 +158,7 @@ std::atomic<uint64_t> nextWrapperSerial{1};
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-// Single-writer counters: the loop thread is the only writer, so a load and a store do the job
-// of a locked read-modify-write.
-void add(std::atomic<uint64_t>& counter, uint64_t amount) {
-  counter.store(counter.load(kRelaxed) + amount, kRelaxed);
-}
+using detail::addRelaxed;
 
 }  // namespace
 
@@ -245,79 +243,78 @@ bool PeriodicThread::check_co() { return is_aco; }
 
 namespace {
 
-using WrapperPtr = std::shared_ptr<RealTimeTaskWrapper>;
-
-// An immutable copy of the registry, handed to the loop thread.
-struct TaskSnapshot {
-  std::vector<WrapperPtr> tasks;
-  TaskSnapshot* nextRetired = nullptr;
-};
+using detail::WrapperPtr;
 
 constexpr size_t kErrorTextSize = 1024;
 
-// The loop's latest error message, readable once from any thread. A sequence lock: the loop
-// (the only writer) never waits; a reader retries while a write is in progress.
+// The loop's latest error message, readable once from any thread. The loop (the only writer)
+// never waits. Messages alternate between two slots, each guarded by its own sequence number,
+// so the slot of the latest complete message is never the one being written: a reader copies
+// it and checks that its sequence did not move. A reader never spins and never waits for the
+// writer (a reader at a higher SCHED_FIFO priority on the loop's CPU would keep the writer from
+// finishing): it tries a bounded number of times, and each failure means two newer messages
+// were completed meanwhile, which only a writer on another CPU can do.
 class ErrorMailbox {
  public:
   // Loop thread only.
   void publish(const char* text) {
-    const uint64_t sequence = sequence_.load(kRelaxed);
-    sequence_.store(sequence + 1, kRelaxed);
+    const uint64_t number = published_.load(kRelaxed) + 1;
+    Slot& slot = slots_[number % 2];
+    slot.sequence.store(2 * number - 1, kRelaxed);  // odd: being written
     const size_t length = strnlen(text, kErrorTextSize - 1);
     uint64_t word[kWords] = {};
     std::memcpy(word, text, length);
     // Release stores (plain moves on x86-64): a reader that sees any of these words also sees
     // the odd sequence stored before them, and retries.
-    for (size_t i = 0; i <= length / 8; ++i) words_[i].store(word[i], std::memory_order_release);
-    sequence_.store(sequence + 2, std::memory_order_release);
+    for (size_t i = 0; i <= length / 8; ++i) {
+      slot.words[i].store(word[i], std::memory_order_release);
+    }
+    slot.sequence.store(2 * number, std::memory_order_release);
+    published_.store(number, std::memory_order_release);
   }
 
-  // The message published last, or "" if it was read already (or none was published).
+  // The message published last, or "" if it was read already (or none was published, or the
+  // writer kept completing newer messages during every attempt: the next call reads them).
   std::string take() {
-    for (;;) {
-      const uint64_t sequence = sequence_.load(std::memory_order_acquire);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      const uint64_t number = published_.load(std::memory_order_acquire);
       uint64_t seen = consumed_.load(std::memory_order_acquire);
-      if (sequence == seen) return {};
-      if (sequence & 1) {
-        sched_yield();
-        continue;
-      }
+      if (number == seen) return {};
+      const Slot& slot = slots_[number % 2];
+      const uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
+      if (sequence != 2 * number) continue;  // already being overwritten by a newer message
       uint64_t word[kWords];
-      for (size_t i = 0; i < kWords; ++i) word[i] = words_[i].load(std::memory_order_acquire);
-      if (sequence_.load(kRelaxed) != sequence) continue;
-      if (!consumed_.compare_exchange_strong(seen, sequence)) continue;
+      for (size_t i = 0; i < kWords; ++i) word[i] = slot.words[i].load(std::memory_order_acquire);
+      if (slot.sequence.load(kRelaxed) != sequence) continue;
+      if (!consumed_.compare_exchange_strong(seen, number)) continue;
       const char* text = reinterpret_cast<const char*>(word);
       return std::string(text, strnlen(text, kErrorTextSize - 1));
     }
+    return {};
   }
 
  private:
   static constexpr size_t kWords = kErrorTextSize / 8;
-  std::atomic<uint64_t> sequence_{0};  // odd while a write is in progress
-  std::atomic<uint64_t> consumed_{0};  // the sequence whose message was read
-  std::atomic<uint64_t> words_[kWords] = {};
+  static constexpr int kAttempts = 4;
+  struct Slot {
+    std::atomic<uint64_t> sequence{0};  // 2n once message n is complete, odd while written
+    std::atomic<uint64_t> words[kWords] = {};
+  };
+  std::atomic<uint64_t> published_{0};  // number of the latest complete message
+  std::atomic<uint64_t> consumed_{0};   // number of the message read last
+  Slot slots_[2];
 };
 
-timespec periodToTimespec(uint32_t periodUs) {
-  timespec period;
-  period.tv_sec = periodUs / 1000000;
-  period.tv_nsec = static_cast<long>((periodUs % 1000000) * 1000);
-  return period;
-}
+}  // namespace
 
-void advance(timespec& deadline, const timespec& period) {
-  deadline.tv_sec += period.tv_sec;
-  deadline.tv_nsec += period.tv_nsec;
-  while (deadline.tv_nsec > 999999999) {
-    deadline.tv_nsec -= 1000000000;
-    deadline.tv_sec += 1;
-  }
+namespace {
+// What the loop does on a task's first run; a prepared task skips it.
+void createCoroutine(RealTimeTaskWrapper& wrapper) {
+  wrapper.shareStack = aco_share_stack_new(0);
+  KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
+  wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0, &RealTimeTaskWrapper::execute_aco,
+                          &wrapper);
 }
-
-bool isLater(const timespec& a, const timespec& b) {
-  return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
-}
-
 }  // namespace
 
 struct PeriodicThread::PrivateData {
@@ -326,16 +323,11 @@ struct PeriodicThread::PrivateData {
       : cpu(cpu),
         priority(priority),
         name(threadName ? threadName : ""),
-        scheduleMethod(method),
-        periodUs(period) {
-    clock_gettime(clockId, &nextWakeup);
-  }
+        registry(method),
+        deadlines(period) {}
 
   ~PrivateData() {
-    collectRetiredLocked();
-    delete pendingSnapshot.exchange(nullptr);
-    delete loopSnapshot;
-    tasks.clear();
+    registry.releaseAll();  // task coroutines go before the main coroutine they refer to
     if (aco_coroutine* main = mainCo.load()) aco_destroy(main);
   }
 
@@ -348,53 +340,38 @@ struct PeriodicThread::PrivateData {
   void runTask(RealTimeTaskWrapper& wrapper, int index, bool& allDone);
   void reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs);
   void sleepToNextDeadline();
-  void recordLatency();
-  void recordWakeUp();
-  void pickUpSnapshot();
-  void purgeFlaggedTasks();
-  void makeEveryTaskReady();
   void trace(const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0);
 
-  // --- caller side (registryMutex held) ------------------------------------------------------
-  void maintainLocked();
-  void collectRetiredLocked();
-  void publishLocked();
-  bool insertLocked(const WrapperPtr& wrapper);
+  // --- caller side ---------------------------------------------------------------------------
+  // Creates a new task's coroutine and share stack on the caller's thread, before the loop can
+  // see the task.
+  void prepare(RealTimeTaskWrapper& wrapper);
 
   const int cpu;
   const int priority;
   const std::string name;
-  const ScheduleMethod scheduleMethod;
   std::atomic<int> tid{0};
   std::atomic<uint64_t> executingSerial{0};
-  const clockid_t clockId = CLOCK_MONOTONIC;
-  timespec nextWakeup{};  // loop thread (set before it starts)
-  std::atomic<uint32_t> periodUs;
-  std::atomic<double> load{0};
   std::atomic<bool> traceEnabled{false};
-  std::atomic<bool> started{false};
   std::atomic<bool> paused{true};
   std::atomic<bool> running{true};
-  uint64_t lastWakeTsc = 0;  // loop thread
-  std::atomic<uint64_t> wakeCount{0};
-  std::atomic<uint64_t> minInterval{UINT64_MAX};
-  std::atomic<uint64_t> maxInterval{0};
-  std::atomic<uint64_t> sumInterval{0};
-  std::atomic<uint64_t> missed{0};
-  std::atomic<int64_t> lastLatencyNs{0};
-  std::atomic<int64_t> maxLatencyNs{0};
   std::atomic<uint64_t> frameLimitUs{0};
   std::atomic<uint64_t> threadWarningTimes{0};
   std::atomic<uint64_t> taskWarningTimes{0};
   pthread_t thread{};
   bool threadCreated = false;
+  int creationError = 0;  // pthread_create's result
+  // Counts the tops of the loop's cycles: a caller that sees it move knows that the pass that
+  // was running when it looked has ended.
+  std::atomic<uint64_t> cyclesBegun{0};
+  std::atomic<bool> loopEnded{false};
+  std::atomic<bool> prepareOnAdd{false};
+  uint64_t loopFpuControl = 0;  // the loop thread's FPU control words, written before mainCo
   std::atomic<bool> threadReleased{false};  // joined or detached
 
-  mutable std::mutex registryMutex;
-  std::vector<WrapperPtr> tasks;                         // registryMutex
-  std::atomic<TaskSnapshot*> pendingSnapshot{nullptr};   // caller -> loop
-  std::atomic<TaskSnapshot*> retiredSnapshots{nullptr};  // loop -> caller
-  TaskSnapshot* loopSnapshot = new TaskSnapshot();       // loop thread; never null
+  detail::TaskRegistry registry;
+  detail::WakeCounters counters;
+  detail::DeadlineKeeper deadlines;
   std::atomic<aco_coroutine*> mainCo{nullptr};
   ErrorMailbox errors;
 };
@@ -415,17 +392,20 @@ void PeriodicThread::PrivateData::run() {
   aco_thread_init(nullptr);
   is_aco = true;
   tid.store(static_cast<int>(gettid()), kRelaxed);
+  aco_save_fpucw_mxcsr(&loopFpuControl);  // published with mainCo, which addTask waits for
   mainCo.store(aco_create(nullptr, nullptr, 0, nullptr, nullptr), std::memory_order_release);
   TimeTrace::createThreadBuffer();
   while (running.load(kRelaxed)) {
+    cyclesBegun.store(cyclesBegun.load(kRelaxed) + 1, std::memory_order_release);
     if (!paused.load(kRelaxed) && !runPasses()) break;
     sleepToNextDeadline();
-    recordWakeUp();
-    pickUpSnapshot();
-    makeEveryTaskReady();
+    counters.recordWakeUp();
+    registry.pickUpSnapshot();
+    registry.makeEveryTaskReady();
   }
   // The main coroutine stays alive: wrappers still refer to it. It is freed with this record.
   TimeTrace::deleteThreadBuffer();
+  loopEnded.store(true, std::memory_order_release);
 }
 
 // Starts loading what the next task's run touches (its coroutine, share stack, saved stack
@@ -445,11 +425,11 @@ void prefetchTask(const RealTimeTaskWrapper& wrapper) {
 // Runs one period's passes. Returns false if the thread was stopped during an eager pass.
 bool PeriodicThread::PrivateData::runPasses() {
   for (;;) {
-    pickUpSnapshot();
-    purgeFlaggedTasks();
+    registry.pickUpSnapshot();
+    registry.purgeFlaggedTasks();
     const uint64_t passStart = Cycles::rdtsc();
     bool allDone = true;
-    const std::vector<WrapperPtr>& tasks = loopSnapshot->tasks;
+    const std::vector<WrapperPtr>& tasks = registry.loopTasks();
     if (traceEnabled.load(kRelaxed)) {
       const auto live = std::count_if(tasks.begin(), tasks.end(), [](const WrapperPtr& w) {
         return !w->purged.load(kRelaxed);
@@ -492,12 +472,7 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
   const uint64_t t0 = Cycles::rdtsc();
   trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index));
   wrapper.runState.store(RealTimeTaskWrapper::kRunning, kRelaxed);
-  if (wrapper.co == nullptr) {
-    wrapper.shareStack = aco_share_stack_new(0);
-    KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
-    wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0,
-                            &RealTimeTaskWrapper::execute_aco, &wrapper);
-  }
+  if (wrapper.co == nullptr) createCoroutine(wrapper);
   aco_resume(wrapper.co);
   if (eager_run) {
     eager_run = false;
@@ -509,12 +484,12 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
   trace("Task[%d] <<<<<<<< end %d", static_cast<uint32_t>(index), static_cast<uint32_t>(runs));
   wrapper.runCount.store(runs + 1, kRelaxed);
   const uint64_t us = Cycles::toMicroseconds(Cycles::rdtsc() - t0, 0);
-  add(wrapper.totalRuntimeUs, us);
+  addRelaxed(wrapper.totalRuntimeUs, us);
   if (us > wrapper.maxRuntimeUs.load(kRelaxed)) wrapper.maxRuntimeUs.store(us, kRelaxed);
 
   const unsigned long limit = task.getExpectedMaxRuntime();
   if (us >= limit) {
-    add(wrapper.overshootCount, 1);
+    addRelaxed(wrapper.overshootCount, 1);
     const uint64_t average = wrapper.totalRuntimeUs.load(kRelaxed) / (runs + 1);
     char text[kErrorTextSize];
     std::snprintf(text, sizeof(text),
@@ -531,7 +506,7 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
 }
 
 void PeriodicThread::PrivateData::reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs) {
-  add(threadWarningTimes, 1);
+  addRelaxed(threadWarningTimes, 1);
   char text[kErrorTextSize];
   std::snprintf(text, sizeof(text), "Task %s overshoot: %ldus(limit: %ldus) cnt: %ld", name.c_str(),
                 static_cast<long>(frameUs), static_cast<long>(limitUs),
@@ -540,88 +515,8 @@ void PeriodicThread::PrivateData::reportFrameOvershoot(uint64_t frameUs, uint64_
 }
 
 void PeriodicThread::PrivateData::sleepToNextDeadline() {
-  timespec now;
-  clock_gettime(clockId, &now);
-  // The elapsed part of the period just ended; a negative value (an early wake-up) turns into
-  // a huge load, as callers of this field have always seen it.
-  const int32_t seconds =
-      static_cast<int32_t>(static_cast<uint32_t>(now.tv_sec - nextWakeup.tv_sec));
-  const int32_t nanos =
-      static_cast<int32_t>(static_cast<uint32_t>(now.tv_nsec - nextWakeup.tv_nsec));
-  const int64_t elapsedUs = static_cast<int64_t>(seconds) * 1000000 + nanos / 1000;
-  const uint32_t us = periodUs.load(kRelaxed);
-  load.store(us == 0 ? 0.0 : static_cast<double>(static_cast<uint64_t>(elapsedUs)) / us, kRelaxed);
-
-  const timespec period = periodToTimespec(us);
-  advance(nextWakeup, period);
-  // Deadlines already past are skipped and counted, never caught up.
-  while (isLater(now, nextWakeup)) {
-    if (us == 0) {  // a zero period runs cycles back to back
-      nextWakeup = now;
-      break;
-    }
-    if (started.load(kRelaxed)) add(missed, 1);
-    advance(nextWakeup, period);
-  }
-  clock_nanosleep(clockId, TIMER_ABSTIME, &nextWakeup, nullptr);
-  recordLatency();
-}
-
-// How late this wake-up came: what cyclictest measures, read through the vDSO (no system
-// call) so that tasks and tools can see their thread's latency.
-void PeriodicThread::PrivateData::recordLatency() {
-  timespec woke;
-  clock_gettime(clockId, &woke);
-  const int64_t latencyNs = (static_cast<int64_t>(woke.tv_sec) - nextWakeup.tv_sec) * 1000000000 +
-                            (woke.tv_nsec - nextWakeup.tv_nsec);
-  lastLatencyNs.store(latencyNs, kRelaxed);
-  if (started.load(kRelaxed) && latencyNs > maxLatencyNs.load(kRelaxed)) {
-    maxLatencyNs.store(latencyNs, kRelaxed);
-  }
-}
-
-void PeriodicThread::PrivateData::recordWakeUp() {
-  const uint64_t now = Cycles::rdtsc();
-  if (!started.load(kRelaxed)) {
-    started.store(true, kRelaxed);
-    lastWakeTsc = now;
-    return;
-  }
-  add(wakeCount, 1);
-  const uint64_t interval = now - lastWakeTsc;
-  lastWakeTsc = now;
-  // A sample that raises the maximum is not compared with the minimum, so the first sample
-  // never sets the minimum.
-  if (interval > maxInterval.load(kRelaxed)) {
-    maxInterval.store(interval, kRelaxed);
-  } else if (interval < minInterval.load(kRelaxed)) {
-    minInterval.store(interval, kRelaxed);
-  }
-  add(sumInterval, interval);
-}
-
-void PeriodicThread::PrivateData::pickUpSnapshot() {
-  TaskSnapshot* fresh = pendingSnapshot.exchange(nullptr, std::memory_order_acquire);
-  if (fresh == nullptr) return;
-  // Hand the old snapshot back for freeing: the loop neither frees nor locks.
-  TaskSnapshot* old = loopSnapshot;
-  old->nextRetired = retiredSnapshots.load(kRelaxed);
-  while (!retiredSnapshots.compare_exchange_weak(old->nextRetired, old, std::memory_order_release,
-                                                 kRelaxed)) {
-  }
-  loopSnapshot = fresh;
-}
-
-void PeriodicThread::PrivateData::purgeFlaggedTasks() {
-  for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
-    if (wrapper->deleteFlag.load(kRelaxed)) wrapper->purged.store(true, kRelaxed);
-  }
-}
-
-void PeriodicThread::PrivateData::makeEveryTaskReady() {
-  for (const WrapperPtr& wrapper : loopSnapshot->tasks) {
-    wrapper->runState.store(RealTimeTaskWrapper::kReady, kRelaxed);
-  }
+  counters.addMissed(deadlines.advance());
+  counters.recordLatency(deadlines.sleepUntilDeadline());
 }
 
 void PeriodicThread::PrivateData::trace(const char* format, uint32_t arg0, uint32_t arg1) {
@@ -630,49 +525,11 @@ void PeriodicThread::PrivateData::trace(const char* format, uint32_t arg0, uint3
   TimeTrace::threadBuffer->record(Cycles::rdtsc(), format, arg0, arg1);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Registry bookkeeping (caller threads, registryMutex held)
-// ---------------------------------------------------------------------------------------------
-
-// Frees snapshots the loop has dropped and forgets wrappers the loop has purged.
-void PeriodicThread::PrivateData::maintainLocked() {
-  collectRetiredLocked();
-  const auto purged = std::remove_if(tasks.begin(), tasks.end(),
-                                     [](const WrapperPtr& w) { return w->purged.load(kRelaxed); });
-  if (purged == tasks.end()) return;
-  tasks.erase(purged, tasks.end());
-  publishLocked();
-}
-
-void PeriodicThread::PrivateData::collectRetiredLocked() {
-  TaskSnapshot* retired = retiredSnapshots.exchange(nullptr, std::memory_order_acquire);
-  while (retired != nullptr) {
-    TaskSnapshot* next = retired->nextRetired;
-    delete retired;
-    retired = next;
-  }
-}
-
-void PeriodicThread::PrivateData::publishLocked() {
-  auto* fresh = new TaskSnapshot{tasks, nullptr};
-  delete pendingSnapshot.exchange(fresh, std::memory_order_acq_rel);  // never picked up
-}
-
-bool PeriodicThread::PrivateData::insertLocked(const WrapperPtr& wrapper) {
-  switch (scheduleMethod) {
-    case ScheduleMethod::Sequential:
-      tasks.push_back(wrapper);
-      return true;
-    case ScheduleMethod::Priority: {
-      const int priority = wrapper->task->getPriority();
-      const auto position = std::find_if(tasks.begin(), tasks.end(), [&](const WrapperPtr& w) {
-        return !w->purged.load(kRelaxed) && w->task->getPriority() < priority;
-      });
-      tasks.insert(position, wrapper);
-      return true;
-    }
-  }
-  return false;  // an unknown method drops the task, silently
+void PeriodicThread::PrivateData::prepare(RealTimeTaskWrapper& wrapper) {
+  createCoroutine(wrapper);
+  // A coroutine starts with its creating thread's FPU control words; this one runs on the loop
+  // thread, which wrote its own before publishing its main coroutine (that addTask waited for).
+  std::memcpy(&wrapper.co->saved_regs[8], &loopFpuControl, sizeof(loopFpuControl));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -698,6 +555,7 @@ PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMe
   pthread_attr_destroy(&attributes);
   if (result != 0) {
     delete handle;
+    d_->creationError = result;
     std::printf("pthread_create FAILED(%d): %s\n", result, std::strerror(result));
     std::fflush(stdout);
     return;
@@ -730,11 +588,28 @@ void PeriodicThread::join() {
 }
 
 int PeriodicThread::setPeriod(int periodUs) {
-  if (periodUs >= 1) d_->periodUs.store(static_cast<uint32_t>(periodUs), kRelaxed);
+  if (periodUs >= 1) d_->deadlines.periodUs.store(static_cast<uint32_t>(periodUs), kRelaxed);
   return 0;
 }
 
 int PeriodicThread::getTid() const { return d_->tid.load(kRelaxed); }
+
+int PeriodicThread::getCreationError() const { return d_->creationError; }
+
+void PeriodicThread::waitForNextCycle() const {
+  if (!d_->threadCreated) return;
+  if (is_aco && d_->tid.load(kRelaxed) == static_cast<int>(gettid())) return;  // from a task
+  const uint64_t seen = d_->cyclesBegun.load(std::memory_order_acquire);
+  while (d_->cyclesBegun.load(std::memory_order_acquire) == seen &&
+         !d_->loopEnded.load(std::memory_order_acquire)) {
+    const timespec pause{0, 200000};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+void PeriodicThread::setPrepareTasksOnAdd(bool enabled) {
+  d_->prepareOnAdd.store(enabled, kRelaxed);
+}
 
 cpu_set_t PeriodicThread::getCpuAffinity() const {
   cpu_set_t set;
@@ -747,24 +622,26 @@ cpu_set_t PeriodicThread::getCpuAffinity() const {
 
 std::shared_ptr<RealTimeTask> PeriodicThread::getExecuteTask() const {
   const uint64_t serial = d_->executingSerial.load(kRelaxed);
-  std::lock_guard<std::mutex> lock(d_->registryMutex);
-  for (const WrapperPtr& wrapper : d_->tasks) {
+  std::lock_guard<std::mutex> lock(d_->registry.mutex);
+  for (const WrapperPtr& wrapper : d_->registry.tasks) {
     if (wrapper->serial == serial) return wrapper->task;
   }
   return nullptr;
 }
 
 void PeriodicThread::addTask(std::shared_ptr<RealTimeTask> task, bool runOnce) {
+  if (task == nullptr) return;  // refused: nothing to insert, nothing to init
   aco_coroutine* mainCo;
   while ((mainCo = d_->mainCo.load(std::memory_order_acquire)) == nullptr) {
     const timespec pause{0, 100000000};
     nanosleep(&pause, nullptr);
   }
   auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, mainCo, runOnce);
+  if (d_->prepareOnAdd.load(kRelaxed)) d_->prepare(*wrapper);
   {
-    std::lock_guard<std::mutex> lock(d_->registryMutex);
-    d_->maintainLocked();
-    if (d_->insertLocked(wrapper)) d_->publishLocked();
+    std::lock_guard<std::mutex> lock(d_->registry.mutex);
+    d_->registry.maintainLocked();
+    if (d_->registry.insertLocked(wrapper)) d_->registry.publishLocked();
   }
   task->init(wrapper);
 }
@@ -789,17 +666,17 @@ std::shared_ptr<RealTimeTask> PeriodicThread::addTask(const std::string& name,
 }
 
 size_t PeriodicThread::tasksSize() const {
-  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  std::lock_guard<std::mutex> lock(d_->registry.mutex);
   return static_cast<size_t>(
-      std::count_if(d_->tasks.begin(), d_->tasks.end(),
+      std::count_if(d_->registry.tasks.begin(), d_->registry.tasks.end(),
                     [](const WrapperPtr& w) { return !w->purged.load(kRelaxed); }));
 }
 
 std::string PeriodicThread::getTaskNames() const {
   std::string text = "Task names: \n";
-  std::lock_guard<std::mutex> lock(d_->registryMutex);
+  std::lock_guard<std::mutex> lock(d_->registry.mutex);
   size_t index = 0;
-  for (const WrapperPtr& wrapper : d_->tasks) {
+  for (const WrapperPtr& wrapper : d_->registry.tasks) {
     if (wrapper->purged.load(kRelaxed)) continue;
     text += "Task " + std::to_string(index++) + ": " + wrapper->task->getName() + "\n";
   }
@@ -807,9 +684,9 @@ std::string PeriodicThread::getTaskNames() const {
 }
 
 int PeriodicThread::deleteTask(const std::string& name) {
-  std::lock_guard<std::mutex> lock(d_->registryMutex);
-  d_->maintainLocked();
-  for (const WrapperPtr& wrapper : d_->tasks) {
+  std::lock_guard<std::mutex> lock(d_->registry.mutex);
+  d_->registry.maintainLocked();
+  for (const WrapperPtr& wrapper : d_->registry.tasks) {
     if (wrapper->purged.load(kRelaxed) || wrapper->task->getName() != name) continue;
     wrapper->deleteFlag.store(true, kRelaxed);
     return 1;
@@ -820,10 +697,10 @@ int PeriodicThread::deleteTask(const std::string& name) {
 void PeriodicThread::cleanTask() {
   std::vector<WrapperPtr> released;
   {
-    std::lock_guard<std::mutex> lock(d_->registryMutex);
-    d_->collectRetiredLocked();
-    released.swap(d_->tasks);
-    d_->publishLocked();
+    std::lock_guard<std::mutex> lock(d_->registry.mutex);
+    d_->registry.collectRetiredLocked();
+    released.swap(d_->registry.tasks);
+    d_->registry.publishLocked();
   }
   // `released` dies here, outside the lock: a wrapper's task may do anything in its destructor.
 }
@@ -857,14 +734,14 @@ std::mutex summaryMutex;
 const char* PeriodicThread::getStatus() const {
   static char status[kSummarySize];
   std::lock_guard<std::mutex> lock(summaryMutex);
-  const uint64_t wakes = d_->wakeCount.load(kRelaxed);
-  const uint64_t averageCycles = wakes == 0 ? 0 : d_->sumInterval.load(kRelaxed) / wakes;
+  const uint64_t wakes = d_->counters.wakeCount.load(kRelaxed);
+  const uint64_t averageCycles = wakes == 0 ? 0 : d_->counters.sumInterval.load(kRelaxed) / wakes;
   appendChecked(status, "avg: %ld\n", static_cast<long>(Cycles::toMicroseconds(averageCycles)));
   appendChecked(status, "min: %ld\n",
-                static_cast<long>(Cycles::toMicroseconds(d_->minInterval.load(kRelaxed))));
+                static_cast<long>(Cycles::toMicroseconds(d_->counters.minInterval.load(kRelaxed))));
   appendChecked(status, "max: %ld\n",
-                static_cast<long>(Cycles::toMicroseconds(d_->maxInterval.load(kRelaxed))));
-  appendChecked(status, "missed: %ld\n", static_cast<long>(d_->missed.load(kRelaxed)));
+                static_cast<long>(Cycles::toMicroseconds(d_->counters.maxInterval.load(kRelaxed))));
+  appendChecked(status, "missed: %ld\n", static_cast<long>(d_->counters.missed.load(kRelaxed)));
   return status;
 }
 
@@ -880,15 +757,15 @@ const char* PeriodicThread::getWarning() const {
 
 WakeStatistics PeriodicThread::getWakeStatistics() const {
   WakeStatistics statistics;
-  statistics.wakeCount = d_->wakeCount.load(kRelaxed);
-  statistics.minInterval = d_->minInterval.load(kRelaxed);
-  statistics.maxInterval = d_->maxInterval.load(kRelaxed);
-  statistics.sumInterval = d_->sumInterval.load(kRelaxed);
-  statistics.missed = d_->missed.load(kRelaxed);
+  statistics.wakeCount = d_->counters.wakeCount.load(kRelaxed);
+  statistics.minInterval = d_->counters.minInterval.load(kRelaxed);
+  statistics.maxInterval = d_->counters.maxInterval.load(kRelaxed);
+  statistics.sumInterval = d_->counters.sumInterval.load(kRelaxed);
+  statistics.missed = d_->counters.missed.load(kRelaxed);
   statistics.threadWarningTimes = d_->threadWarningTimes.load(kRelaxed);
-  statistics.load = d_->load.load(kRelaxed);
-  statistics.lastLatencyNs = d_->lastLatencyNs.load(kRelaxed);
-  statistics.maxLatencyNs = d_->maxLatencyNs.load(kRelaxed);
+  statistics.load = d_->deadlines.load.load(kRelaxed);
+  statistics.lastLatencyNs = d_->counters.lastLatencyNs.load(kRelaxed);
+  statistics.maxLatencyNs = d_->counters.maxLatencyNs.load(kRelaxed);
   return statistics;
 }
 

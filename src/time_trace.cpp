@@ -153,13 +153,25 @@ int pickOldest(const std::vector<Cursor>& cursors) {
   return oldest;
 }
 
+// One event as read once from its slot: a reset on another thread may clear the slot at any
+// moment, so the format that is checked must be the one that is formatted.
+struct EventCopy {
+  uint64_t timestamp;
+  const char* format;
+  uint32_t arg0, arg1, arg2, arg3;
+};
+
+EventCopy copyEvent(const Buffer::Event& event) {
+  constexpr auto kRelaxed = std::memory_order_relaxed;
+  return EventCopy{event.timestamp.load(kRelaxed), event.format.load(kRelaxed),
+                   event.arg0.load(kRelaxed),      event.arg1.load(kRelaxed),
+                   event.arg2.load(kRelaxed),      event.arg3.load(kRelaxed)};
+}
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-void formatEventText(const Buffer::Event& event, char (&text)[kLineLength]) {
-  std::snprintf(
-      text, sizeof(text), event.format.load(std::memory_order_relaxed),
-      event.arg0.load(std::memory_order_relaxed), event.arg1.load(std::memory_order_relaxed),
-      event.arg2.load(std::memory_order_relaxed), event.arg3.load(std::memory_order_relaxed));
+void formatEventText(const EventCopy& event, char (&text)[kLineLength]) {
+  std::snprintf(text, sizeof(text), event.format, event.arg0, event.arg1, event.arg2, event.arg3);
 }
 #pragma GCC diagnostic pop
 
@@ -171,6 +183,9 @@ void mergeAndFormat(std::vector<Cursor>* cursors, TraceOutput* output) {
   double previousUs = 0.0;
   for (int index = pickOldest(*cursors); index >= 0; index = pickOldest(*cursors)) {
     Cursor& cursor = (*cursors)[index];
+    const EventCopy event = copyEvent(cursor.event());
+    cursor.advance();
+    if (event.format == nullptr) continue;  // cleared by a concurrent reset
     if (first) {
       char header[kHeaderLength];
       std::snprintf(header, sizeof(header), "CYCLES_PER_SECOND %f\nSTART_CYCLES %" PRIu64 "\n",
@@ -178,10 +193,7 @@ void mergeAndFormat(std::vector<Cursor>* cursors, TraceOutput* output) {
       output->write(header);
       first = false;
     }
-    const Buffer::Event& event = cursor.event();
-    cursor.advance();
-    const double us =
-        Cycles::toSeconds(event.timestamp.load(std::memory_order_relaxed) - start) * 1e6;
+    const double us = Cycles::toSeconds(event.timestamp - start) * 1e6;
     char text[kLineLength];
     formatEventText(event, text);
     char prefix[kLineLength];
@@ -209,10 +221,71 @@ class ReadingGuard {
   std::vector<Buffer*>* buffers_;
 };
 
-std::vector<Buffer*> copyRegistry() {
+// Rings whose thread has deleted them but which still hold unprinted events: they stay
+// registered until a merge of the whole registry has read them, then they are freed. Guarded by
+// TimeTrace::mutex, like the two lists below.
+// Both lists are never destroyed: threads may still end while the process exits.
+std::vector<Buffer*>& deadRings = *new std::vector<Buffer*>();
+// Rings taken out of the registry while a merge was still reading them: the last merge to let
+// go of a ring frees it.
+std::vector<Buffer*>& unregisteredRings = *new std::vector<Buffer*>();
+
+bool contains(const std::vector<Buffer*>& rings, const Buffer* ring) {
+  return std::find(rings.begin(), rings.end(), ring) != rings.end();
+}
+
+void erase(std::vector<Buffer*>* rings, const Buffer* ring) {
+  rings->erase(std::remove(rings->begin(), rings->end(), ring), rings->end());
+}
+
+// Takes `ring` out of the registry and frees it, at once if no merge holds it, else when the
+// last one lets go. TimeTrace::mutex held.
+void unregisterAndFreeLocked(Buffer* ring) {
+  erase(&TimeTrace::threadBuffers, ring);
+  erase(&deadRings, ring);
+  if (ring->readerCount.load(std::memory_order_acquire) == 0) {
+    delete ring;
+  } else {
+    unregisteredRings.push_back(ring);
+  }
+}
+
+// A copy of the registry whose rings cannot be freed until releaseRegistry(): their readerCount
+// is raised under the mutex that the freeing side holds too.
+std::vector<Buffer*> holdRegistry() {
   std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+  for (Buffer* ring : TimeTrace::threadBuffers) {
+    ring->readerCount.fetch_add(1, std::memory_order_acq_rel);
+  }
   return TimeTrace::threadBuffers;
 }
+
+// Lets go of the rings of holdRegistry() after they were merged: dead rings have now been
+// printed, so they are freed (or left to the last merge still reading them).
+void releaseRegistry(const std::vector<Buffer*>& held) {
+  std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+  for (Buffer* ring : held) ring->readerCount.fetch_sub(1, std::memory_order_acq_rel);
+  for (Buffer* ring : held) {
+    if (contains(deadRings, ring) && contains(TimeTrace::threadBuffers, ring)) {
+      unregisterAndFreeLocked(ring);
+    }
+  }
+  for (Buffer* ring : std::vector<Buffer*>(unregisteredRings)) {
+    if (ring->readerCount.load(std::memory_order_acquire) != 0) continue;
+    erase(&unregisteredRings, ring);
+    delete ring;
+  }
+}
+
+// Holds the registry for one merge, and lets go of it even if formatting throws.
+class RegistryHold {
+ public:
+  RegistryHold() : rings(holdRegistry()) {}
+  ~RegistryHold() { releaseRegistry(rings); }
+  RegistryHold(const RegistryHold&) = delete;
+  RegistryHold& operator=(const RegistryHold&) = delete;
+  std::vector<Buffer*> rings;
+};
 
 }  // namespace
 
@@ -245,14 +318,26 @@ void TimeTrace::createThreadBuffer() {
   threadBuffer = new Buffer();
   threadBuffer->captureThreadName();
   threadBuffers.push_back(threadBuffer);
+  // A ring freed behind the registry's back (by code that manages threadBuffers itself) may
+  // have had this address: it is not dead.
+  erase(&deadRings, threadBuffer);
 }
 
 void TimeTrace::deleteThreadBuffer() {
-  // The registry keeps the ring: a printer on another thread may be merging it right now, and
-  // any later merge still walks it. Freeing it here would leave the registry dangling.
+  Buffer* ring = threadBuffer;
+  if (ring == nullptr) return;
   // The thread's name is read again: it was often given after the ring was created.
-  if (threadBuffer != nullptr) threadBuffer->captureThreadName();
+  ring->captureThreadName();
   threadBuffer = nullptr;
+  std::lock_guard<std::mutex> lock(mutex);
+  if (!contains(threadBuffers, ring)) return;  // not ours to free
+  // Recording fills slot 0 first, so a ring whose slot 0 is empty holds no event: nothing is
+  // lost by freeing it now. A ring with events stays printable until a merge has read it.
+  if (ring->events[0].format.load(std::memory_order_relaxed) == nullptr) {
+    unregisterAndFreeLocked(ring);
+  } else {
+    deadRings.push_back(ring);
+  }
 }
 
 void TimeTrace::reset() {
@@ -261,15 +346,15 @@ void TimeTrace::reset() {
 }
 
 std::string TimeTrace::getTrace() {
-  std::vector<Buffer*> buffers = copyRegistry();
+  RegistryHold hold;
   std::string s;
-  printInternal(&buffers, &s);
+  printInternal(&hold.rings, &s);
   return s;
 }
 
 void TimeTrace::print() {
-  std::vector<Buffer*> buffers = copyRegistry();
-  printInternal(&buffers, nullptr);
+  RegistryHold hold;
+  printInternal(&hold.rings, nullptr);
 }
 
 void TimeTrace::setOutputFileName(const char* name) {
@@ -415,9 +500,9 @@ class JsonTraceBuilder {
                         ",\"args\":{\"sort_index\":" + std::to_string(track.tid) + "}}");
   }
 
-  void addEvent(JsonTrack* track, const Buffer::Event& event, double us, const char* text) {
-    const uint32_t arg0 = event.arg0.load(std::memory_order_relaxed);
-    switch (classify(event.format.load(std::memory_order_relaxed))) {
+  void addEvent(JsonTrack* track, const EventCopy& event, double us, const char* text) {
+    const uint32_t arg0 = event.arg0;
+    switch (classify(event.format)) {
       case EventKind::kPassStart:
         closeTask(track);
         closePass(track);
@@ -541,10 +626,10 @@ std::string TimeTrace::traceJsonOf(std::vector<Buffer*>* buffers, const TaskName
   if (!keepOldEvents) skipEventsBefore(start, &cursors);
   for (int index = pickOldest(cursors); index >= 0; index = pickOldest(cursors)) {
     Cursor& cursor = cursors[index];
-    const Buffer::Event& event = cursor.event();
+    const EventCopy event = copyEvent(cursor.event());
     cursor.advance();
-    const double us =
-        Cycles::toSeconds(event.timestamp.load(std::memory_order_relaxed) - start) * 1e6;
+    if (event.format == nullptr) continue;  // cleared by a concurrent reset
+    const double us = Cycles::toSeconds(event.timestamp - start) * 1e6;
     char text[kLineLength];
     formatEventText(event, text);
     builder.addEvent(&tracks[index], event, us, text);
@@ -554,8 +639,8 @@ std::string TimeTrace::traceJsonOf(std::vector<Buffer*>* buffers, const TaskName
 }
 
 std::string TimeTrace::getTraceJson(const TaskNamer& taskNamer) {
-  std::vector<Buffer*> buffers = copyRegistry();
-  return traceJsonOf(&buffers, taskNamer);
+  RegistryHold hold;
+  return traceJsonOf(&hold.rings, taskNamer);
 }
 
 int TimeTrace::writeTraceJson(const char* path, const TaskNamer& taskNamer) {

@@ -4,12 +4,20 @@
 set -eu
 lib="$1"
 unexpected=$(nm -D --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' |
+  sed -E 's/@@?KELVO_[0-9.]+$//' |
   c++filt |
   grep -vE '^(mosk::kelvo::|typeinfo for mosk::kelvo::|typeinfo name for mosk::kelvo::|vtable for mosk::kelvo::|VTT for mosk::kelvo::|(non-)?virtual thunk to mosk::kelvo::|TLS (init|wrapper) function for mosk::kelvo::|guard variable for mosk::kelvo::)' |
   grep -vE '^(aco_[a-z0-9_]+|acosw|shm_[a-z_]+(\(.*\))?|MD5(Init|Update|Final|Transform)\(.*\)|byteSwap\(.*\)|gettid\(\)|KELVO_[0-9.]+)$' || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exported symbols:"
   echo "$unexpected"
+  exit 1
+fi
+# Every exported symbol carries the ABI's version node.
+unversioned=$(nm -D --defined-only "$lib" | awk '{ print $3 }' | grep -vE '@@KELVO_0$|^KELVO_0$' || true)
+if [ -n "$unversioned" ]; then
+  echo "exported symbols without the KELVO_0 version node:"
+  echo "$unversioned"
   exit 1
 fi
 count=$(nm -D --defined-only "$lib" | wc -l)

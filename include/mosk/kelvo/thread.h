@@ -28,9 +28,12 @@
 // - Diagnostics may be read from any thread; counters are relaxed atomics.
 // - Only the loop thread runs tasks. yield(), yield1() and check_co() act on the calling
 //   thread.
-// - The loop sleeps with clock_nanosleep(TIMER_ABSTIME) and does not check its result: a sleep
-//   cut short by a signal handler starts that cycle early. Later deadlines stay on the same
-//   grid; the load of that cycle reads as a huge value (its elapsed time is negative).
+// - The loop sleeps with clock_nanosleep(TIMER_ABSTIME) and sleeps again to the same deadline
+//   when a signal handler interrupts it (EINTR), so signals never add cycles nor push later
+//   deadlines away; the wake-up that follows is measured against that deadline as usual.
+// - deleteTask() and cleanTask() return while the current pass may still run the removed task.
+//   Before freeing anything a removed task uses, call waitForNextCycle(): once it returns, the
+//   loop has begun a new cycle and removed tasks never run again.
 #ifndef MOSK_KELVO_THREAD_H_
 #define MOSK_KELVO_THREAD_H_
 
@@ -193,7 +196,7 @@ class KELVO_EXPORT PeriodicThread {
   // created (usually: no permission for SCHED_FIFO, or a CPU outside 0..1023), the constructor
   // prints "pthread_create FAILED(<errno>): <text>" to standard output and the object stays
   // without a thread (and unnamed: there is nothing to name): addTask then waits forever, so
-  // check your privileges first.
+  // check getCreationError() right after construction.
   PeriodicThread(unsigned int period, const char* name, ScheduleMethod method, int cpu,
                  int priority);
   // Releases the tasks but neither stops nor joins the thread: call stop() and join() first.
@@ -218,13 +221,31 @@ class KELVO_EXPORT PeriodicThread {
   int setPeriod(int periodUs);
   // Kernel thread id of the loop thread (0 until the thread has started).
   int getTid() const;
+  // 0 when the constructor created the thread, else pthread_create's error number (EPERM: no
+  // privilege for SCHED_FIFO; EINVAL: a priority outside 1..99 or a CPU that does not exist).
+  // Check it before addTask, which waits for ever on a thread that does not exist.
+  int getCreationError() const;
+  // Returns once the loop has begun a new cycle after this call: then the pass that may have
+  // been running a task removed with deleteTask() or cleanTask() has ended, and removed tasks
+  // never run again, so what they use may be freed. Returns at once when there is no thread or
+  // its loop has ended, and when called from one of this thread's own tasks (the loop cannot
+  // begin a new cycle while it waits). Polls every 0.2 ms: it waits for the rest of the
+  // current pass and the sleep to the next deadline, about a period.
+  void waitForNextCycle() const;
+  // Off by default: each task's coroutine and 2 MiB share stack are created on the loop thread
+  // at the task's first run (an mmap, an mprotect and two allocations, and under
+  // mlockall(MCL_FUTURE) the whole stack is faulted in there and then). When enabled, addTask
+  // creates them on the caller's thread before the loop can see the task, so a task's first
+  // run costs what its later runs cost. Affects tasks added afterwards.
+  void setPrepareTasksOnAdd(bool enabled);
   // The loop thread's CPU affinity (empty if there is no thread).
   cpu_set_t getCpuAffinity() const;
   // The task being run or run last; empty before the first run and once that task has left
   // the registry.
   std::shared_ptr<RealTimeTask> getExecuteTask() const;
 
-  // Adds a task; waits (polling every 100 ms) until the loop thread has started. Sequential
+  // Adds a task; waits (polling every 100 ms) until the loop thread has started. A null task is
+  // refused at once: nothing is inserted and nothing waits. Sequential
   // threads append; priority threads insert before the first task of lower priority. The
   // task's init() is called after insertion. A run-once task is removed after its first
   // complete run. Registry calls ask tasks for getName() and getPriority() while holding the
@@ -258,7 +279,10 @@ class KELVO_EXPORT PeriodicThread {
   // The thread's counters as numbers (an addition to getStatus()/getWarning(), which format
   // them into accumulating text).
   WakeStatistics getWakeStatistics() const;
-  // The latest overshoot message, once: the read clears it. Empty if there is none.
+  // The latest overshoot message, once: the read clears it. Empty if there is none. Never waits
+  // for the loop (a reader at a higher priority on the loop's CPU cannot stall it): it makes a
+  // few attempts and returns empty if the loop completed two newer messages during each; the
+  // next call then reads the newest.
   std::string getErrorString();
   // Records "Task FRAME ..." and "Task[i] ..." events into the thread's time-trace ring.
   void setTraceEnabled(bool enabled);

@@ -5,11 +5,13 @@
 // counter value, a pointer to a constant printf format and four 32-bit arguments: no
 // allocation, no formatting, no lock, no system call. Formatting is deferred to print time, so
 // the format must stay valid until then (use string literals). When a ring is full the oldest
-// event is overwritten. A process-wide registry lists every ring ever created, so that a
-// printer can merge them. Rings are never removed from it: deleteThreadBuffer() only lets the
-// thread go of its ring, whose memory stays with the registry (and whose events stay
-// printable), so that merging after a thread has ended is always safe. A process that starts
-// and ends many tracing threads therefore keeps one ring (about 256 KiB) per thread it traced.
+// event is overwritten. A process-wide registry lists the rings, so that a printer can merge
+// them. deleteThreadBuffer() frees a ring that holds no event at once; a ring with events stays
+// registered (and printable) until a merge of the whole registry (TimeTrace::getTrace() or
+// print()) has read it, and is freed by that merge. A merge of the whole registry holds every
+// ring it reads, so a ring is never freed under it. A process that starts and ends many threads
+// therefore keeps no ring for a thread that recorded nothing, and about 256 KiB for each ended
+// thread whose events no merge has printed yet.
 //
 // Output: a header "CYCLES_PER_SECOND %f\nSTART_CYCLES %lu\n", then one line per event,
 // "%8.1f us (+%6.1f us): <text>" with the event's time since the start and since the previous
@@ -155,8 +157,9 @@ class KELVO_EXPORT TimeTrace {
 
   // Gives the calling thread a ring if it has none, and registers it.
   static void createThreadBuffer();
-  // Detaches the calling thread from its ring. The ring stays registered and allocated, so
-  // printing remains safe and its events remain in the merged trace (see above).
+  // Detaches the calling thread from its ring and frees it: at once if it holds no event, else
+  // once a merge of the whole registry has printed it (see above). Buffer::getTrace()/print()
+  // called on a ring do not hold it: call them only on a ring whose thread has not deleted it.
   static void deleteThreadBuffer();
   // Forgets the events of every registered ring.
   static void reset();
@@ -189,7 +192,7 @@ class KELVO_EXPORT TimeTrace {
 
   // The calling thread's ring, or null.
   static thread_local Buffer* threadBuffer;
-  // Every ring ever created, in creation order. Guarded by `mutex`.
+  // The registered rings, in creation order. Guarded by `mutex`.
   static std::vector<Buffer*> threadBuffers;
   // Guards threadBuffers and filename.
   static std::mutex mutex;
