@@ -275,10 +275,13 @@ TEST(TraceJsonThreadNameTest, ReadWhenTheRingIsCreatedAndWhenTheThreadLetsGoOfIt
     TimeTrace::createThreadBuffer();
     Buffer* buffer = TimeTrace::threadBuffer;
     atCreation = buffer->threadName();
+    // A ring that holds events outlives its thread until a merge has read it.
+    TimeTrace::record("named");
     pthread_setname_np(pthread_self(), "second-name");
     TimeTrace::deleteThreadBuffer();
     atRelease = buffer->threadName();
   }).join();
+  TimeTrace::getTrace();  // the merge that lets the dead ring go
   EXPECT_EQ(atCreation, "first-name");
   EXPECT_EQ(atRelease, "second-name");
 }
