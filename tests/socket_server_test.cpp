@@ -1,10 +1,12 @@
 #include "mosk/kelvo/socket_server.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -366,8 +368,24 @@ TEST_F(ServerTest, CallbacksRunOnTheConnectionsOwnThread) {
   close(peer);
 }
 
+// True while some thread of this process is blocked in accept (x86-64 syscalls 43 and 288).
+bool aThreadIsInAccept() {
+  DIR* tasks = opendir("/proc/self/task");
+  bool found = false;
+  while (dirent* entry = readdir(tasks)) {
+    if (entry->d_name[0] == '.') continue;
+    std::ifstream syscall(std::string("/proc/self/task/") + entry->d_name + "/syscall");
+    long number = -1;
+    if (syscall >> number && (number == 43 || number == 288)) found = true;
+  }
+  closedir(tasks);
+  return found;
+}
+
 TEST_F(ServerTest, StopWaitsForOneMoreConnection) {
   bindServer();
+  // A stop before the thread first reaches accept would end it at once.
+  ASSERT_TRUE(waitFor(aThreadIsInAccept));
   std::atomic<bool> stopped{false};
   std::thread stopper([&] {
     server_->stop();
@@ -375,7 +393,8 @@ TEST_F(ServerTest, StopWaitsForOneMoreConnection) {
   });
   // Nothing wakes the accepting thread: stop is still waiting a while later.
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_FALSE(stopped.load());
+  EXPECT_FALSE(stopped.load()) << "accept woke: " << server_->getLastError() << ", "
+                               << server_->getAcceptSocketCount() << " connection(s)";
   int peer = connectPlain(port_);
   stopper.join();
   EXPECT_TRUE(stopped.load());
