@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "mosk/kelvo/socket_tcp.h"
 #include "socket_framing.h"
 #include "socket_test_support.h"
 
@@ -449,6 +450,161 @@ TEST(ServerOwnershipTest, TheServerDeletesItsPrototype) {
   shutdownTcpServer(server);
   delete server;
   EXPECT_EQ(record->deleted, 1);
+}
+
+}  // namespace
+}  // namespace mosk::kelvo
+
+// ------------------------------------------------------------------------------------------
+// Hostile peers: nothing crashes, leaks a descriptor or a thread, and others keep working.
+
+namespace mosk::kelvo {
+namespace {
+
+std::string randomBytes(std::mt19937& random, size_t count) {
+  std::string bytes(count, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+// An echo server test: every LengthPrefixed frame goes back to its sender.
+class HostileTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    blockSigpipe();  // as every application must: an echo to a peer that left raises SIGPIPE
+    ServerTest::SetUp();
+    record_->onMessage = [](ITcpSocket* socket, const char* data, int length) {
+      socket->send(data, length);
+    };
+    bindServer();
+  }
+  // A fresh peer still gets its echo.
+  void expectEchoWorks() {
+    int peer = connectPlain(port_);
+    ASSERT_GE(peer, 0);
+    std::string message = frame("still here");
+    ASSERT_TRUE(writeAll(peer, message));
+    EXPECT_EQ(readExactly(peer, message.size()), message);
+    close(peer);
+  }
+  // Reaps until every connection has finished and been deleted.
+  bool reapAll() {
+    return waitFor([&] {
+      testing::internal::CaptureStderr();
+      server_->update();
+      testing::internal::GetCapturedStderr();
+      return server_->getAcceptSocketCount() == 0;
+    });
+  }
+};
+
+TEST_F(HostileTest, RandomBytesOnEveryPolicy) {
+  std::mt19937 random(20261122);
+  size_t index = 0;
+  for (TcpReceivePolicy policy :
+       {TcpReceivePolicy::LengthPrefixed, TcpReceivePolicy::Lines, TcpReceivePolicy::Raw}) {
+    int peer = connectPlain(port_);
+    connection(index++)->setRecvPolicy(policy);
+    // Whatever is echoed is drained, so that the server never blocks on this peer.
+    std::thread drainer([peer] {
+      char sink[4096];
+      while (read(peer, sink, sizeof(sink)) > 0) {
+      }
+    });
+    for (int i = 0; i < 200; ++i) {
+      ASSERT_TRUE(writeAll(peer, randomBytes(random, 1 + random() % 3000)));
+    }
+    shutdown(peer, SHUT_RDWR);
+    drainer.join();
+    close(peer);
+  }
+  expectEchoWorks();
+  EXPECT_TRUE(reapAll());
+}
+
+TEST_F(HostileTest, FramesSplitAtEveryBytePosition) {
+  record_->onMessage = nullptr;  // no echo: the peer only writes
+  int peer = connectPlain(port_);
+  SocketClientProxy* proxy = connection(0);
+  std::string whole = frame("0123456789");
+  for (size_t cut = 1; cut < whole.size(); ++cut) {
+    ASSERT_TRUE(writeAll(peer, whole.substr(0, cut)));
+    ASSERT_TRUE(waitDrained(proxy));
+    ASSERT_TRUE(writeAll(peer, whole.substr(cut)));
+    ASSERT_TRUE(waitDrained(proxy));
+  }
+  // Whatever the tails were read as, the split frame itself never arrived whole.
+  for (const std::string& message : record_->messagesCopy()) EXPECT_NE(message, whole);
+  ASSERT_TRUE(writeAll(peer, frame("whole")));
+  ASSERT_TRUE(waitFor([&] { return record_->messagesCopy().back() == frame("whole"); }));
+  close(peer);
+}
+
+TEST_F(HostileTest, AThousandConnectAndCloseCycles) {
+  for (int i = 0; i < 1000; ++i) {
+    int peer = connectPlain(port_);
+    ASSERT_GE(peer, 0) << i;
+    // One at a time: the listening backlog is 1, and a full queue costs a 1 s SYN retry.
+    ASSERT_TRUE(waitFor([&] { return record_->socket(static_cast<size_t>(i)) != nullptr; }));
+    close(peer);
+    if (i % 50 == 49) {
+      testing::internal::CaptureStderr();
+      server_->update();
+      testing::internal::GetCapturedStderr();
+    }
+  }
+  EXPECT_TRUE(reapAll());
+  EXPECT_EQ(record_->deleted, 1000);
+  expectEchoWorks();
+}
+
+TEST_F(HostileTest, TwoHundredSimultaneousConnections) {
+  std::vector<int> peers;
+  for (int i = 0; i < 200; ++i) {
+    int peer = connectPlain(port_);
+    ASSERT_GE(peer, 0) << i;
+    peers.push_back(peer);
+    ASSERT_TRUE(waitFor([&] { return record_->socket(static_cast<size_t>(i)) != nullptr; }));
+  }
+  ASSERT_TRUE(waitFor([&] { return record_->count("connected") == 200; }));
+  for (size_t i = 0; i < peers.size(); ++i) {
+    ASSERT_TRUE(writeAll(peers[i], frame("peer " + std::to_string(i))));
+  }
+  for (size_t i = 0; i < peers.size(); ++i) {
+    std::string expected = frame("peer " + std::to_string(i));
+    EXPECT_EQ(readExactly(peers[i], expected.size()), expected);
+  }
+  EXPECT_EQ(server_->getAcceptSocketCount(), 200u);
+  for (int peer : peers) close(peer);
+  EXPECT_TRUE(reapAll());
+}
+
+TEST_F(HostileTest, APeerThatStopsReadingBlocksOnlyItsOwnConnection) {
+  int slow = connectPlain(port_);
+  int small = 4096;
+  setsockopt(slow, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+  std::string block = frame(std::string(4000, 's'));
+  // Send until this peer's window and the server's send buffer are full: its receiving thread
+  // is then blocked in the echo's send, and our writes stop going through.
+  std::atomic<bool> writing{true};
+  std::thread flooder([&] {
+    while (writing.load() && writeAll(slow, block)) {
+    }
+  });
+  SocketClientProxy* proxy = connection(0);
+  ASSERT_TRUE(waitFor([&] {
+    int queued = 0;
+    return ioctl(proxy->getFd(), TIOCOUTQ, &queued) == 0 && queued > 0 &&
+           record_->messageCount() > 10;
+  }));
+  expectEchoWorks();
+  expectEchoWorks();
+  writing = false;
+  shutdown(slow, SHUT_WR);  // ends the flooder's blocked write if any
+  shutdownTcpServer(server_);
+  shutdown(slow, SHUT_RDWR);
+  flooder.join();
+  close(slow);
 }
 
 }  // namespace
