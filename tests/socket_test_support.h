@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -33,8 +34,19 @@ inline int countEntries(const char* directory) {
   return count;
 }
 
+// Sanitizer runtimes start a helper thread at the first thread creation: make that happen
+// before anything is counted.
+inline bool warmUp() {
+  static const bool done = [] {
+    std::thread([] {}).join();
+    return true;
+  }();
+  return done;
+}
+
 // Open descriptors and threads of this process.
 struct Resources {
+  bool warm = warmUp();
   int fds = countEntries("/proc/self/fd");
   int tasks = countEntries("/proc/self/task");
 };
@@ -52,10 +64,16 @@ inline bool waitFor(const std::function<bool()>& done,
 
 // Threads may take a moment to leave /proc/self/task after being joined.
 inline bool resourcesBackTo(const Resources& before) {
-  return waitFor([&] {
-    Resources now;
+  Resources now;
+  bool back = waitFor([&] {
+    now = Resources();
     return now.fds == before.fds && now.tasks == before.tasks;
   });
+  if (!back) {
+    std::fprintf(stderr, "descriptors %d -> %d, threads %d -> %d\n", before.fds, now.fds,
+                 before.tasks, now.tasks);
+  }
+  return back;
 }
 
 inline sockaddr_in loopback(int port) {
