@@ -56,12 +56,7 @@ int main(int argc, char** argv) {
   }
   std::printf("listening on port %d\n", dynamic_cast<SocketServer*>(server)->getPort());
   std::fflush(stdout);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!tcp_example::stopRequested().load() &&
-         (seconds == 0 || std::chrono::steady_clock::now() < deadline)) {
-    server->update();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  tcp_example::updateUntilStopped(server, seconds);
   shutdownTcpServer(server);
   delete server;
   std::printf("stopped\n");

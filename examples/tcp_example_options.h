@@ -7,11 +7,13 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
+#include <thread>
 
 namespace tcp_example {
 
@@ -27,6 +29,16 @@ inline void installSignalHandlers() {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+}
+
+// Calls update() every 100 ms until SIGINT/SIGTERM or, unless `seconds` is 0, the time is up.
+template <class Server>
+void updateUntilStopped(Server* server, long seconds) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!stopRequested().load() && (seconds == 0 || std::chrono::steady_clock::now() < deadline)) {
+    server->update();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
 }
 
 class Options {

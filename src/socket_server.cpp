@@ -10,6 +10,7 @@
 
 #include "mosk/kelvo/socket_tcp.h"
 #include "socket_framing.h"
+#include "socket_send.h"
 
 namespace mosk {
 namespace kelvo {
@@ -65,15 +66,8 @@ std::string SocketClientProxy::getLastError() const {
 }
 
 int SocketClientProxy::send(const char* data, const int& length) {
-  if (getState() != TcpState::Connected) {
-    setLastError("send failed: Not connected");
-    return -1;
-  }
-  if (::send(getFd(), data, static_cast<size_t>(length), 0) == -1) {
-    setLastError(std::string("send failed: ") + std::strerror(errno));
-    return -1;
-  }
-  return 0;
+  return sendOnce(getState() == TcpState::Connected, getFd(), data, length,
+                  [this](const std::string& text) { setLastError(text); });
 }
 
 int SocketClientProxy::stop(const bool& shut) {
