@@ -1,6 +1,7 @@
 #include "mosk/kelvo/socket_client.h"
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -193,6 +194,26 @@ TEST_F(ClientTest, AFrameCutByTheReceiveIsDeliveredOnceComplete) {
   ASSERT_TRUE(writeAll(peer, whole.substr(10)));
   ASSERT_TRUE(waitFor([&] { return record_->messageCount() == 1; }));
   EXPECT_EQ(record_->messagesCopy()[0], whole);
+  client_->stop(true);
+  close(peer);
+}
+
+TEST_F(ClientTest, FramesSplitAtEveryBytePositionArriveWhole) {
+  PlainListener listener;
+  ASSERT_EQ(client_->connect("127.0.0.1", listener.port, 5000), 0);
+  int peer = listener.acceptOne();
+  std::string whole = frame("0123456789");
+  auto drained = [&] {
+    int pending = -1;
+    return ioctl(client_->getFd(), FIONREAD, &pending) == 0 && pending == 0;
+  };
+  for (size_t cut = 1; cut < whole.size(); ++cut) {
+    ASSERT_TRUE(writeAll(peer, whole.substr(0, cut)));
+    ASSERT_TRUE(waitFor(drained));
+    ASSERT_TRUE(writeAll(peer, whole.substr(cut)));
+    ASSERT_TRUE(waitFor([&] { return record_->messageCount() == cut; })) << cut;
+  }
+  for (const std::string& message : record_->messagesCopy()) EXPECT_EQ(message, whole);
   client_->stop(true);
   close(peer);
 }
