@@ -28,8 +28,10 @@
 //   one: "a\r\nbb\r\nc\r\n" gives "a" then "abb"; "a\r\n" alone gives nothing. A command is
 //   therefore delivered only when another token follows it in the SAME receive; an empty line
 //   typed afterwards arrives as a receive of its own and delivers nothing. Send one command per
-//   write followed by a line holding a single dot: printf 'status\n.\n' | nc -q 1 host port
-//   (interactively in nc, type the command, Ctrl-V Ctrl-M, a dot, then Enter).
+//   write followed by a second token, e.g. a dot after a carriage return, all in one write:
+//   printf 'status\r.\n' | nc -q 1 host port (interactively in nc: type the command,
+//   Ctrl-V Ctrl-M, a dot, then Enter). "status\n.\n" works too when it arrives in one piece,
+//   but line-buffered writers may send it as two writes.
 // - Raw: every receive (at most 4096 bytes) as it is.
 // Other policy values make the loop receive nothing and spin until stopped.
 //
