@@ -19,3 +19,5 @@ echo "== memory of 10,000 suspended coroutines"
 "$build/bench/kelvo_aco_memory"
 echo "== wake-up latency against cyclictest"
 "$(dirname "$0")/latency_compare.sh" "$build" 1000 80 "$(($(nproc) - 1))" 10 5
+echo "== TCP: library server and client against plain sockets"
+"$build/bench/kelvo-tcp-bench" --rounds "$repetitions"

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs what kelvo needs to build, test and benchmark on Debian 12, skipping what is there.
 # Run as root. Packages: the compiler and build tools, GoogleTest, Google Benchmark, and the
-# benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests).
+# benchmark-only comparisons (OpenSSL's MD5, Boost.Context, cyclictest from rt-tests), and
+# clang with its libFuzzer runtime for the fuzz targets.
 # dpkg-dev computes the Debian packages' dependencies (dpkg-shlibdeps). lintian is not
 # installed (it is heavy); the package test runs it when present. gnuplot-nox draws the
 # latency plots (scripts/plot-latency.sh) and, with python3, the trace timeline picture
@@ -10,7 +11,7 @@
 set -eu
 packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
   libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev
-  gnuplot-nox python3 nlohmann-json3-dev"
+  gnuplot-nox python3 nlohmann-json3-dev clang-14 libclang-rt-14-dev"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

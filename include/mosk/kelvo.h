@@ -9,6 +9,10 @@
 #include "mosk/kelvo/perf.h"
 #include "mosk/kelvo/plugin.h"
 #include "mosk/kelvo/shm.h"
+#include "mosk/kelvo/socket_client.h"
+#include "mosk/kelvo/socket_interface.h"
+#include "mosk/kelvo/socket_server.h"
+#include "mosk/kelvo/socket_tcp.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
 

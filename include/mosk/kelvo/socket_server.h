@@ -1,0 +1,166 @@
+// TCP server: SocketServer listens on one IPv4 port and makes a SocketClientProxy, with its own
+// receiving thread, for every accepted connection.
+//
+// Server life: bind(device, port) starts the accepting thread (state Connected); the
+// application calls update() periodically (it reaps finished connections, printing
+// "[<size>] delete client <fd>" and "[<size>] erase client " to standard error for each, then
+// calls onUpdate of every connected one); stop() stops the connections and waits for the
+// accepting thread. A server is meant to be bound once.
+//
+// Shutting down: stop(), join() and the destructor wait until ONE MORE connection arrives,
+// because nothing wakes the accepting thread's blocked accept. stop() also drops finished
+// connections from the list without deleting them, and the destructor deletes none. Always
+// call shutdownTcpServer(server) (or SocketServer::shutdown()) before deleting a server: it
+// returns promptly, ends every thread the server started and deletes every connection; the
+// destructor then has nothing left to wait for. bind(..., 0) lets the kernel choose the port;
+// getPort() tells which.
+//
+// Server-side connection (SocketClientProxy), per policy, on its receiving thread:
+// - LengthPrefixed (the default): every whole frame inside one receive is handed over in place,
+//   header included: 00 00 00 02 'h' 'i' 00 00 00 01 'x' gives (6 bytes at the first header),
+//   then (5 bytes at the second). Frames are never reassembled: a frame cut by a receive
+//   boundary is dropped with the rest of that receive, and its tail, when it arrives, is read
+//   as if it began with a header. A header of 2^31 - 3 or more can never fit in a receive: it
+//   is dropped the same way, with the rest of its receive. Keep frames at most 4096 bytes,
+//   header included, and expect loss when a peer sends faster than it is read.
+// - Lines: the receive is split at CR and LF; every token but the LAST of each receive is
+//   delivered, and each delivery carries all earlier tokens of the same receive before the new
+//   one: "a\r\nbb\r\nc\r\n" gives "a" then "abb"; "a\r\n" alone gives nothing. A command is
+//   therefore delivered only when another token follows it in the SAME receive; an empty line
+//   typed afterwards arrives as a receive of its own and delivers nothing. Send one command per
+//   write followed by a second token, e.g. a dot after a carriage return, all in one write:
+//   printf 'status\r.\n' | nc -q 1 host port (interactively in nc: type the command,
+//   Ctrl-V Ctrl-M, a dot, then Enter). "status\n.\n" works too when it arrives in one piece,
+//   but line-buffered writers may send it as two writes.
+// - Raw: every receive (at most 4096 bytes) as it is.
+// Other policy values make the loop receive nothing and spin until stopped.
+//
+// Threading: the accepting thread constructs connections (newInstance runs there) and appends
+// them to the list; update, dump, stop, join and shutdown belong to one application thread.
+// onDisconnected, onStopped and onUpdate run under the connection's recursive state lock, so
+// they may call getState or send on the same connection; onConnected and onReceived run
+// without it. The flags, states and the list are safe to read from any thread.
+#ifndef MOSK_KELVO_SOCKET_SERVER_H_
+#define MOSK_KELVO_SOCKET_SERVER_H_
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mosk/kelvo/export.h"
+#include "mosk/kelvo/socket_interface.h"
+
+namespace mosk {
+namespace kelvo {
+
+// One accepted connection. Owns the descriptor (closed by its receiving loop), its callback
+// (deleted with it) and its receiving thread.
+class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
+ public:
+  // Asks prototype->newInstance(this) for the callback, then starts receiving.
+  SocketClientProxy(const int& fd, TcpCallback* prototype);
+  // stop(true), join the receiving thread, delete the callback.
+  ~SocketClientProxy() override;
+  SocketClientProxy(const SocketClientProxy&) = delete;
+  SocketClientProxy& operator=(const SocketClientProxy&) = delete;
+
+  int getFd() const override;
+  // -1 with the last error "send failed: Not connected" unless Connected; one send(2) otherwise.
+  int send(const char* data, const int& length) override;
+  TcpState getState() const override;
+  // Takes effect at the next receive.
+  void setRecvPolicy(const TcpReceivePolicy& policy) override;
+  TcpCallback* getTcpCallback() const override;
+
+  // Shuts the socket down if `shut`, then clears the running flag. Returns 0.
+  int stop(const bool& shut);
+  // Calls the callback's onUpdate under the state lock.
+  void onUpdate();
+  // The last send error (an addition: the interface has no getter).
+  std::string getLastError() const;
+
+ private:
+  void receivingLoop();
+  void receiveRaw(char* buffer, bool& ended);
+  void receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended);
+  void receiveLines(char* buffer, std::string& accumulator, bool& ended);
+  void finish();
+  void setLastError(const std::string& text);
+
+  std::thread* thread_ = nullptr;
+  TcpCallback* callback_ = nullptr;
+  std::atomic<bool> running_{true};
+  std::atomic<int> fd_;
+  std::atomic<TcpReceivePolicy> policy_{TcpReceivePolicy::LengthPrefixed};
+  mutable std::recursive_mutex stateMutex_;
+  TcpState state_ = TcpState::Idle;
+  mutable std::mutex errorMutex_;  // guards lastError_ only
+  std::string lastError_;
+  std::mutex fdMutex_;  // orders shutdown against close, so a reused number is never shut down
+};
+
+class KELVO_EXPORT SocketServer : public ITcpServer {
+ public:
+  explicit SocketServer(TcpCallback* prototype);
+  // Deletes the prototype, then stop(): waits for one more connection unless shutdown() ran.
+  ~SocketServer() override;
+  SocketServer(const SocketServer&) = delete;
+  SocketServer& operator=(const SocketServer&) = delete;
+
+  // Listens on `port` (host order) on all addresses, tied to device `name` ("any": all
+  // devices). 0, or -1 (the last error holds strerror of a failed bind or listen).
+  int bind(const char* name, const int& port) override;
+  // dump(), then onUpdate of every connected connection. Returns 0.
+  int update() override;
+  // Stops connected connections, drops the others from the list without deleting them, clears
+  // the running flag and joins the accepting thread (which ends only at the next accept).
+  int stop() override;
+  void join() override;
+  // Deletes finished connections, printing two lines to standard error for each.
+  void dump() override;
+  TcpState getState() const override;
+  size_t getAcceptSocketCount() const override;
+
+  // Additions. shutdown() ends the server promptly: it stops every connection, clears the
+  // running flag, shuts the listening socket down so that the accepting thread ends at once,
+  // joins it and deletes every connection (their callbacks' onDisconnected or onStopped run on
+  // their own threads first). Returns 0; safe to call twice, or on a server never bound.
+  int shutdown();
+  // The strerror text of the last failed bind, listen or accept.
+  std::string getLastError() const;
+  // The port the server listens on (host order), or 0: useful after bind(..., 0).
+  int getPort() const;
+
+ private:
+  void acceptingLoop();
+  void setLastError(const char* text);
+  SocketClientProxy* entryAt(size_t index) const;
+  void eraseAt(size_t index);
+  std::vector<SocketClientProxy*> takeAll();
+
+  std::atomic<int> listenFd_{-1};
+  std::atomic<bool> running_{true};
+  std::thread* thread_ = nullptr;
+  sockaddr_in address_{};
+  // The accepting thread appends while the application thread reads and removes; the lock is
+  // held only for those vector operations, never across a callback or a join.
+  mutable std::mutex listMutex_;
+  std::vector<SocketClientProxy*> clients_;
+  TcpCallback* prototype_ = nullptr;
+  std::atomic<TcpState> state_{TcpState::Idle};
+  mutable std::mutex errorMutex_;
+  std::string lastError_;
+};
+
+// Prompt shutdown through the interface: SocketServer::shutdown() when `server` is a
+// SocketServer (every server newTcpServer makes), else -1.
+KELVO_EXPORT int shutdownTcpServer(ITcpServer* server);
+
+}  // namespace kelvo
+}  // namespace mosk
+
+#endif  // MOSK_KELVO_SOCKET_SERVER_H_

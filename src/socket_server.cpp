@@ -1,0 +1,338 @@
+#include "mosk/kelvo/socket_server.h"
+
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "mosk/kelvo/socket_tcp.h"
+#include "socket_framing.h"
+#include "socket_send.h"
+
+namespace mosk {
+namespace kelvo {
+
+namespace {
+
+void armQuickAck(int fd) {
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// SocketClientProxy
+
+SocketClientProxy::SocketClientProxy(const int& fd, TcpCallback* prototype) : fd_(fd) {
+  callback_ = prototype->newInstance(this);
+  thread_ = new std::thread(&SocketClientProxy::receivingLoop, this);
+}
+
+SocketClientProxy::~SocketClientProxy() {
+  stop(true);
+  if (thread_ != nullptr && thread_->joinable()) {
+    thread_->join();
+    delete thread_;
+    thread_ = nullptr;
+  }
+  delete callback_;
+}
+
+int SocketClientProxy::getFd() const { return fd_.load(std::memory_order_relaxed); }
+
+TcpCallback* SocketClientProxy::getTcpCallback() const { return callback_; }
+
+void SocketClientProxy::setRecvPolicy(const TcpReceivePolicy& policy) {
+  policy_.store(policy, std::memory_order_relaxed);
+}
+
+TcpState SocketClientProxy::getState() const {
+  std::lock_guard<std::recursive_mutex> lock(stateMutex_);
+  return state_;
+}
+
+void SocketClientProxy::setLastError(const std::string& text) {
+  std::lock_guard<std::mutex> lock(errorMutex_);
+  lastError_ = text;
+}
+
+std::string SocketClientProxy::getLastError() const {
+  std::lock_guard<std::mutex> lock(errorMutex_);
+  return lastError_;
+}
+
+int SocketClientProxy::send(const char* data, const int& length) {
+  return sendOnce(getState() == TcpState::Connected, getFd(), data, length,
+                  [this](const std::string& text) { setLastError(text); });
+}
+
+int SocketClientProxy::stop(const bool& shut) {
+  if (shut) {
+    std::lock_guard<std::mutex> lock(fdMutex_);
+    int fd = getFd();
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
+  }
+  running_.store(false, std::memory_order_relaxed);
+  return 0;
+}
+
+void SocketClientProxy::onUpdate() {
+  std::lock_guard<std::recursive_mutex> lock(stateMutex_);
+  callback_->onUpdate();
+}
+
+void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
+  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+  if (n <= 0) {
+    ended = true;
+    return;
+  }
+  int length = static_cast<int>(n);
+  callback_->onReceived(buffer, length);
+}
+
+void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended) {
+  int fd = getFd();
+  ssize_t n = recv(fd, buffer + fill, framing::kReceiveSize, 0);
+  if (n <= 0) {
+    ended = true;
+    return;
+  }
+  framing::frameLengthPrefixedServer(
+      buffer, offset, fill, static_cast<int>(n),
+      [this](const char* data, const int& length) { callback_->onReceived(data, length); });
+  armQuickAck(fd);
+}
+
+void SocketClientProxy::receiveLines(char* buffer, std::string& accumulator, bool& ended) {
+  accumulator.clear();
+  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+  if (n <= 0) {
+    ended = true;
+    return;
+  }
+  framing::frameLines(
+      buffer, static_cast<int>(n), accumulator,
+      [this](const char* data, const int& length) { callback_->onReceived(data, length); });
+}
+
+void SocketClientProxy::receivingLoop() {
+  {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex_);
+    state_ = TcpState::Connected;
+  }
+  callback_->onConnected();
+
+  char buffer[framing::kServerBufferSize];
+  int offset = 0;
+  int fill = 0;
+  std::string accumulator;
+  bool ended = false;
+  while (!ended && running_.load(std::memory_order_relaxed)) {
+    switch (policy_.load(std::memory_order_relaxed)) {
+      case TcpReceivePolicy::Raw:
+        receiveRaw(buffer, ended);
+        break;
+      case TcpReceivePolicy::LengthPrefixed:
+        receiveLengthPrefixed(buffer, offset, fill, ended);
+        break;
+      case TcpReceivePolicy::Lines:
+        receiveLines(buffer, accumulator, ended);
+        break;
+      default:  // undefined policy: nothing is received until stopped
+        break;
+    }
+  }
+  finish();
+}
+
+void SocketClientProxy::finish() {
+  {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex_);
+    if (running_.load(std::memory_order_relaxed)) {
+      state_ = TcpState::Disconnected;
+      callback_->onDisconnected();
+    } else {
+      state_ = TcpState::Stopped;
+      callback_->onStopped();
+    }
+  }
+  std::lock_guard<std::mutex> lock(fdMutex_);
+  close(fd_.exchange(-1));
+}
+
+// ---------------------------------------------------------------------------------------------
+// SocketServer
+
+SocketServer::SocketServer(TcpCallback* prototype) : prototype_(prototype) {
+  address_.sin_family = AF_INET;
+}
+
+SocketServer::~SocketServer() {
+  delete prototype_;
+  prototype_ = nullptr;
+  stop();
+}
+
+void SocketServer::setLastError(const char* text) {
+  std::lock_guard<std::mutex> lock(errorMutex_);
+  lastError_ = text;
+}
+
+std::string SocketServer::getLastError() const {
+  std::lock_guard<std::mutex> lock(errorMutex_);
+  return lastError_;
+}
+
+int SocketServer::getPort() const {
+  int fd = listenFd_.load();
+  if (fd < 0) return 0;
+  sockaddr_in local{};
+  socklen_t length = sizeof(local);
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return 0;
+  return ntohs(local.sin_port);
+}
+
+int SocketServer::bind(const char* name, const int& port) {
+  {
+    std::lock_guard<std::mutex> lock(listMutex_);
+    clients_.clear();  // dropped, not deleted: a server is meant to be bound once
+  }
+  int fd = createSocket();
+  listenFd_.store(fd);
+  if (fd < 0) return -1;
+  bindToDevice(fd, name);
+  address_.sin_family = AF_INET;
+  address_.sin_port = htons(static_cast<uint16_t>(port));
+  address_.sin_addr.s_addr = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address_), sizeof(address_)) != 0 ||
+      listen(fd, 1) != 0) {
+    setLastError(std::strerror(errno));
+    return -1;
+  }
+  thread_ = new std::thread(&SocketServer::acceptingLoop, this);
+  state_.store(TcpState::Connected);
+  return 0;
+}
+
+void SocketServer::acceptingLoop() {
+  while (running_.load(std::memory_order_relaxed)) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof(peer);
+    int fd = accept(listenFd_.load(), reinterpret_cast<sockaddr*>(&peer), &length);
+    if (fd == -1) {
+      setLastError(std::strerror(errno));
+      continue;
+    }
+    armQuickAck(fd);
+    auto* connection = new SocketClientProxy(fd, prototype_);
+    std::lock_guard<std::mutex> lock(listMutex_);
+    clients_.push_back(connection);
+  }
+  state_.store(TcpState::Stopped);
+  close(listenFd_.exchange(-1));
+}
+
+TcpState SocketServer::getState() const { return state_.load(); }
+
+size_t SocketServer::getAcceptSocketCount() const {
+  std::lock_guard<std::mutex> lock(listMutex_);
+  return clients_.size();
+}
+
+SocketClientProxy* SocketServer::entryAt(size_t index) const {
+  std::lock_guard<std::mutex> lock(listMutex_);
+  return index < clients_.size() ? clients_[index] : nullptr;
+}
+
+// Only the application thread removes entries and the accepting thread only appends, so an
+// index read earlier by the application thread still designates the same entry.
+void SocketServer::eraseAt(size_t index) {
+  std::lock_guard<std::mutex> lock(listMutex_);
+  clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+int SocketServer::update() {
+  dump();
+  for (size_t i = 0; i < getAcceptSocketCount(); ++i) {
+    SocketClientProxy* connection = entryAt(i);
+    if (connection != nullptr && connection->getState() == TcpState::Connected) {
+      connection->onUpdate();
+    }
+  }
+  return 0;
+}
+
+void SocketServer::dump() {
+  size_t i = 0;
+  while (i < getAcceptSocketCount()) {
+    SocketClientProxy* connection = entryAt(i);
+    if (connection->getState() == TcpState::Disconnected ||
+        connection->getState() == TcpState::Stopped) {
+      std::fprintf(stderr, "[%d] delete client %d\n", static_cast<int>(getAcceptSocketCount()),
+                   connection->getFd());
+      delete connection;
+      eraseAt(i);
+      std::fprintf(stderr, "[%d] erase client \n", static_cast<int>(getAcceptSocketCount()));
+    } else {
+      ++i;
+    }
+  }
+}
+
+int SocketServer::stop() {
+  size_t i = 0;
+  while (i < getAcceptSocketCount()) {
+    SocketClientProxy* connection = entryAt(i);
+    if (connection->getState() == TcpState::Connected) {
+      connection->stop(true);
+    } else {
+      // Dropped without being deleted; the entry that slides into this slot is skipped.
+      eraseAt(i);
+    }
+    ++i;
+  }
+  running_.store(false, std::memory_order_relaxed);
+  join();
+  return 0;
+}
+
+void SocketServer::join() {
+  if (thread_ != nullptr && thread_->joinable()) {
+    thread_->join();
+    delete thread_;
+    thread_ = nullptr;
+  }
+}
+
+std::vector<SocketClientProxy*> SocketServer::takeAll() {
+  std::lock_guard<std::mutex> lock(listMutex_);
+  std::vector<SocketClientProxy*> all;
+  all.swap(clients_);
+  return all;
+}
+
+int SocketServer::shutdown() {
+  running_.store(false, std::memory_order_relaxed);
+  int fd = listenFd_.load();
+  // Wakes a blocked accept (it fails with EINVAL); the loop then sees the flag and ends.
+  if (fd >= 0 && thread_ != nullptr) ::shutdown(fd, SHUT_RDWR);
+  join();
+  if (fd >= 0 && thread_ == nullptr && state_.load() != TcpState::Stopped) {
+    close(listenFd_.exchange(-1));  // bound but the thread never ran: nothing else closes it
+  }
+  for (SocketClientProxy* connection : takeAll()) delete connection;
+  return 0;
+}
+
+int shutdownTcpServer(ITcpServer* server) {
+  auto* socketServer = dynamic_cast<SocketServer*>(server);
+  return socketServer == nullptr ? -1 : socketServer->shutdown();
+}
+
+}  // namespace kelvo
+}  // namespace mosk
