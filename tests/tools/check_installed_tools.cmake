@@ -29,11 +29,12 @@ foreach(tool ${TOOLS})
   endif()
 endforeach()
 
-# And one runs for real: the readiness report exits 0 on any machine.
+# And one runs for real: the readiness report exits 0, or 1 on a machine that refuses
+# SCHED_FIFO; either way it gets as far as its report.
 if("kelvo-check" IN_LIST TOOLS)
   execute_process(COMMAND "${prefix}/bin/kelvo-check" RESULT_VARIABLE rc OUTPUT_VARIABLE out
                   ERROR_VARIABLE out TIMEOUT 120)
-  if(NOT rc EQUAL 0)
+  if(NOT (rc EQUAL 0 OR rc EQUAL 1) OR NOT out MATCHES "MD5 self-test")
     message(FATAL_ERROR "installed kelvo-check failed (${rc}):\n${out}")
   endif()
 endif()
