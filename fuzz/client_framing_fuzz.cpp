@@ -44,13 +44,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     stream.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(count));
     const char* start = buffer.get();
     int filled = state.fill + count;
-    framing::frameLengthPrefixedClient(buffer.get(), state, count,
-                                       [&](const char* frame, int length) {
-                                         kelvo_fuzz::check(frame >= start &&
-                                                               frame + length <= start + filled,
-                                                           "frame lies within received bytes");
-                                         delivered.emplace_back(frame, length);
-                                       });
+    framing::frameLengthPrefixedClient(
+        buffer.get(), state, count, [&](const char* frame, int length) {
+          kelvo_fuzz::check(frame >= start && frame + length <= start + filled,
+                            "frame lies within received bytes");
+          delivered.emplace_back(frame, length);
+        });
     kelvo_fuzz::check(state.fill < framing::kClientMaxFrame, "held bytes stay below a frame");
   }
   std::vector<std::string> expected = referenceFrames(stream);
