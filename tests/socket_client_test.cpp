@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -252,6 +255,42 @@ TEST_F(ClientTest, ServerRestartIsFollowedByAReconnection) {
   client_->stop(true);
   close(again);
   close(fd);
+}
+
+TEST_F(ClientTest, StopWithoutShutdownWaitsUntilThePeerCloses) {
+  PlainListener listener;
+  ASSERT_EQ(client_->connect("127.0.0.1", listener.port, 5000), 0);
+  int peer = listener.acceptOne();
+  ASSERT_GE(peer, 0);
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool returned = false;
+  std::thread stopper([&] {
+    client_->stop(false);
+    std::lock_guard<std::mutex> lock(mutex);
+    returned = true;
+    changed.notify_all();
+  });
+  auto stopReturnedWithin = [&](std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, limit, [&] { return returned; });
+  };
+  // While the peer keeps the connection open, the connection stays usable both ways and stop
+  // does not return.
+  EXPECT_FALSE(stopReturnedWithin(std::chrono::milliseconds(300)));
+  ASSERT_TRUE(writeAll(peer, frame("still open")));
+  ASSERT_TRUE(waitFor([&] { return record_->messageCount() == 1; }));
+  EXPECT_EQ(client_->send("pong", 4), 0);
+  EXPECT_EQ(readExactly(peer, 4), "pong");
+  EXPECT_FALSE(stopReturnedWithin(std::chrono::milliseconds(300)));
+  EXPECT_EQ(client_->getState(), TcpState::Connected);
+  close(peer);
+  EXPECT_TRUE(stopReturnedWithin(std::chrono::seconds(30)));
+  stopper.join();
+  EXPECT_EQ(record_->eventsCopy(),
+            (std::vector<std::string>{"connected", "disconnected", "stopped"}));
+  EXPECT_EQ(client_->getState(), TcpState::Stopped);
+  EXPECT_EQ(client_->getFd(), -1);
 }
 
 TEST_F(ClientTest, AStoppedClientCannotBeReused) {

@@ -6,11 +6,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -205,6 +208,44 @@ TEST(SocketTcpTest, FormatOfExactly127CharactersSucceeds) {
 TEST(SocketTcpDeathTest, FormatOfMoreThan127CharactersEndsTheProcess) {
   std::string tooLong(128, 'z');
   EXPECT_DEATH(format("%s", tooLong.c_str()), "format: output longer than 127 characters");
+}
+
+// The select-based helpers cannot hold descriptors of FD_SETSIZE (1024) or more in their sets.
+TEST(SocketTcpDeathTest, SelectSendWithADescriptorOf1024OrMoreEndsTheProcess) {
+  EXPECT_DEATH(selectSend(1024, "x", 1), "descriptor 1024 out of range for select");
+  EXPECT_DEATH(selectSend(4096, "x", 1), "descriptor 4096 out of range for select");
+}
+
+TEST(SocketTcpDeathTest, SelectRecvWithADescriptorOf1024OrMoreEndsTheProcess) {
+  char data[4];
+  EXPECT_DEATH(selectRecv(1024, data, sizeof(data)), "descriptor 1024 out of range for select");
+}
+
+// blockConnect reaches its select only when the connect is in progress, which takes a real
+// socket at a number of 1024 or more; the soft descriptor limit is raised in the child only.
+TEST(SocketTcpDeathTest, BlockConnectWithADescriptorOf1024OrMoreEndsTheProcess) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max <= 1024) {
+    GTEST_SKIP() << "the hard descriptor limit (" << limit.rlim_max << ") stops at 1024";
+  }
+  PlainListener listener;
+  EXPECT_DEATH(
+      {
+        rlimit raised = limit;
+        if (raised.rlim_cur != RLIM_INFINITY && raised.rlim_cur <= 1024) raised.rlim_cur = 1025;
+        setrlimit(RLIMIT_NOFILE, &raised);
+        int fd = createSocket();
+        int high = dup2(fd, 1024);
+        close(fd);
+        if (high != 1024) {
+          std::fprintf(stderr, "no descriptor 1024\n");
+          std::_Exit(0);  // not a death: the expectation then fails
+        }
+        sockaddr_in address = loopback(listener.port);
+        blockConnect(high, reinterpret_cast<sockaddr*>(&address), 5);
+      },
+      "descriptor 1024 out of range for select");
 }
 
 }  // namespace
