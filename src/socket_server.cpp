@@ -198,6 +198,7 @@ int SocketServer::getPort() const {
 }
 
 int SocketServer::bind(const char* name, const int& port) {
+  int previousFd = listenFd_.load();
   {
     std::lock_guard<std::mutex> lock(listMutex_);
     clients_.clear();  // dropped, not deleted: a server is meant to be bound once
@@ -213,6 +214,12 @@ int SocketServer::bind(const char* name, const int& port) {
       listen(fd, 1) != 0) {
     setLastError(std::strerror(errno));
     return -1;
+  }
+  if (thread_ != nullptr) {
+    // A second bind takes over the handle; shutdown() still has to wake and join the earlier
+    // thread and close the socket it listened on, or both would outlive the server.
+    retiredThreads_.push_back(thread_);
+    retiredListenFds_.push_back(previousFd);
   }
   thread_ = new std::thread(&SocketServer::acceptingLoop, this);
   state_.store(TcpState::Connected);
@@ -309,6 +316,18 @@ void SocketServer::join() {
   }
 }
 
+void SocketServer::joinRetired() {
+  for (std::thread* thread : retiredThreads_) {
+    thread->join();
+    delete thread;
+  }
+  retiredThreads_.clear();
+  for (int retiredFd : retiredListenFds_) {
+    if (retiredFd >= 0) close(retiredFd);
+  }
+  retiredListenFds_.clear();
+}
+
 std::vector<SocketClientProxy*> SocketServer::takeAll() {
   std::lock_guard<std::mutex> lock(listMutex_);
   std::vector<SocketClientProxy*> all;
@@ -321,7 +340,9 @@ int SocketServer::shutdown() {
   int fd = listenFd_.load();
   // Wakes a blocked accept (it fails with EINVAL); the loop then sees the flag and ends.
   if (fd >= 0 && thread_ != nullptr) ::shutdown(fd, SHUT_RDWR);
+  for (int retiredFd : retiredListenFds_) ::shutdown(retiredFd, SHUT_RDWR);
   join();
+  joinRetired();
   if (fd >= 0 && thread_ == nullptr && state_.load() != TcpState::Stopped) {
     close(listenFd_.exchange(-1));  // bound but the thread never ran: nothing else closes it
   }

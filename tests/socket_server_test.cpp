@@ -441,6 +441,46 @@ TEST_F(ServerTest, ShutdownEndsPromptlyWithConnectionsOpenAndDeletesThem) {
   close(second);
 }
 
+TEST_F(ServerTest, ASecondBindDropsTheListAndStartsASecondAcceptingThread) {
+  bindServer();
+  int firstPort = port_;
+  int first = connectPlain(firstPort);
+  ASSERT_TRUE(waitFor([&] { return server_->getAcceptSocketCount() == 1; }));
+  SocketClientProxy* dropped = connection(0);
+  ASSERT_NE(dropped, nullptr);
+  Resources beforeRebind;
+
+  bindServer();
+  // Dropped, not deleted: its callback is alive and the connection keeps running.
+  EXPECT_EQ(server_->getAcceptSocketCount(), 0u);
+  EXPECT_EQ(record_->deleted, 0);
+  EXPECT_EQ(dropped->getState(), TcpState::Connected);
+  EXPECT_NE(port_, firstPort);
+  // One more thread and one more listening socket.
+  EXPECT_TRUE(waitFor([&] {
+    Resources now;
+    return now.tasks == beforeRebind.tasks + 1 && now.fds == beforeRebind.fds + 1;
+  }));
+  // Both accepting threads accept: the second on the new port, the first on the old one.
+  int second = connectPlain(port_);
+  int third = connectPlain(firstPort);
+  ASSERT_GE(second, 0);
+  ASSERT_GE(third, 0);
+  EXPECT_TRUE(waitFor([&] { return server_->getAcceptSocketCount() == 2; }));
+  EXPECT_TRUE(waitFor([&] { return record_->count("connected") == 3; }));
+
+  // The server no longer knows the dropped connection: deleting it is the test's job.
+  delete dropped;
+  EXPECT_EQ(record_->deleted, 1);
+  // The prompt shutdown ends both accepting threads and deletes the listed connections.
+  EXPECT_EQ(shutdownTcpServer(server_), 0);
+  EXPECT_EQ(server_->getState(), TcpState::Stopped);
+  EXPECT_EQ(record_->deleted, 3);
+  close(first);
+  close(second);
+  close(third);
+}
+
 TEST_F(ServerTest, ShutdownOfAServerNeverBoundReturnsAtOnce) {
   EXPECT_EQ(shutdownTcpServer(server_), 0);
   EXPECT_EQ(shutdownTcpServer(nullptr), -1);

@@ -15,6 +15,12 @@
 // destructor then has nothing left to wait for. bind(..., 0) lets the kernel choose the port;
 // getPort() tells which.
 //
+// Binding again: a second bind() drops every connection from the list WITHOUT deleting it (the
+// application must delete those itself, e.g. through the ITcpSocket pointers newInstance
+// received) and starts a second accepting thread; the first keeps accepting on the first port.
+// stop(), join() and the destructor wait for the newest accepting thread only; shutdown() also
+// wakes and joins the earlier ones and closes their listening sockets.
+//
 // Server-side connection (SocketClientProxy), per policy, on its receiving thread:
 // - LengthPrefixed (the default): every whole frame inside one receive is handed over in place,
 //   header included: 00 00 00 02 'h' 'i' 00 00 00 01 'x' gives (6 bytes at the first header),
@@ -141,6 +147,7 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   SocketClientProxy* entryAt(size_t index) const;
   void eraseAt(size_t index);
   std::vector<SocketClientProxy*> takeAll();
+  void joinRetired();
 
   std::atomic<int> listenFd_{-1};
   std::atomic<bool> running_{true};
@@ -154,6 +161,9 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   std::atomic<TcpState> state_{TcpState::Idle};
   mutable std::mutex errorMutex_;
   std::string lastError_;
+  // Accepting threads and listening sockets of earlier binds, ended only by shutdown().
+  std::vector<std::thread*> retiredThreads_;
+  std::vector<int> retiredListenFds_;
 };
 
 // Prompt shutdown through the interface: SocketServer::shutdown() when `server` is a
