@@ -445,6 +445,8 @@ TEST_F(ServerTest, ASecondBindDropsTheListAndStartsASecondAcceptingThread) {
   bindServer();
   int firstPort = port_;
   int first = connectPlain(firstPort);
+  // Its receiving thread runs once onConnected has been called: count only after that.
+  ASSERT_TRUE(waitFor([&] { return record_->count("connected") == 1; }));
   ASSERT_TRUE(waitFor([&] { return server_->getAcceptSocketCount() == 1; }));
   SocketClientProxy* dropped = connection(0);
   ASSERT_NE(dropped, nullptr);
