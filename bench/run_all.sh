@@ -21,3 +21,5 @@ echo "== wake-up latency against cyclictest"
 "$(dirname "$0")/latency_compare.sh" "$build" 1000 80 "$(($(nproc) - 1))" 10 5
 echo "== TCP: library server and client against plain sockets"
 "$build/bench/kelvo-tcp-bench" --rounds "$repetitions"
+echo "== first pass of a periodic thread: lazy against prepared tasks"
+"$build/bench/kelvo_first_pass" 10
