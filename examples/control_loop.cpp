@@ -134,6 +134,12 @@ int main(int argc, char** argv) {
   thread.setTraceEnabled(true);
   thread.start(/*limitUs=*/800);
   std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
+  // Both renderings of the trace are taken while the loop's ring is still live: once the
+  // thread has ended, the first merge that reads its ring also frees it.
+  thread.setTraceEnabled(false);
+  thread.waitForNextCycle();  // the pass that was under way has recorded its last event
+  const std::string trace = thread.getTrace();
+  const int jsonWritten = mosk::kelvo::TimeTrace::writeTraceJson(jsonPath, taskName);
   // Stop and join before reading what the tasks wrote (latency samples, controller state):
   // pause() is only seen at the next period, so a pass may still be running after it returns.
   // The thread's time-trace ring outlives the thread, and the counters stay readable.
@@ -158,14 +164,13 @@ int main(int argc, char** argv) {
   std::printf("wake-up latency histogram (us):\n");
   mosk::kelvo::printHistogram(latencyUs.data(), count, 0, 100, 10);
 
-  const std::string trace = thread.getTrace();
   std::printf("\ntime trace (first lines of %zu bytes):\n", trace.size());
   size_t end = 0;
   for (int line = 0; line < 16 && end != std::string::npos; ++line) end = trace.find('\n', end + 1);
   std::printf("%s\n...\n", trace.substr(0, end).c_str());
   std::printf("position reached: %.3f (gain set by the run-once initialiser: %.1f)\n", position,
               gain);
-  if (mosk::kelvo::TimeTrace::writeTraceJson(jsonPath, taskName) != 0) return 1;
+  if (jsonWritten != 0) return 1;
   std::printf("trace for a trace viewer written to %s (open it in ui.perfetto.dev)\n", jsonPath);
   return 0;
 }

@@ -52,6 +52,14 @@ cpu_set_t singleCpuSet(int cpu) {
   return set;
 }
 
+// Names `thread` after `name`. The kernel keeps 15 characters of a thread name; longer names
+// are cut rather than refused.
+void nameThread(pthread_t thread, const std::string& name) {
+  char shortName[16] = {};
+  std::strncpy(shortName, name.c_str(), sizeof(shortName) - 1);
+  pthread_setname_np(thread, shortName);
+}
+
 }  // namespace
 
 int pinThreadToCore(int core) {
@@ -394,6 +402,9 @@ void PeriodicThread::PrivateData::run() {
   tid.store(static_cast<int>(gettid()), kRelaxed);
   aco_save_fpucw_mxcsr(&loopFpuControl);  // published with mainCo, which addTask waits for
   mainCo.store(aco_create(nullptr, nullptr, 0, nullptr, nullptr), std::memory_order_release);
+  // The constructor names the thread too, but perhaps only after this point: the trace ring
+  // takes the thread's name when it is created, so the loop names itself first.
+  nameThread(pthread_self(), name);
   TimeTrace::createThreadBuffer();
   while (running.load(kRelaxed)) {
     cyclesBegun.store(cyclesBegun.load(kRelaxed) + 1, std::memory_order_release);
@@ -561,10 +572,7 @@ PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMe
     return;
   }
   d_->threadCreated = true;
-  // The kernel keeps 15 characters of a thread name; longer names are cut rather than refused.
-  char shortName[16] = {};
-  std::strncpy(shortName, d_->name.c_str(), sizeof(shortName) - 1);
-  pthread_setname_np(d_->thread, shortName);
+  nameThread(d_->thread, d_->name);
 }
 
 PeriodicThread::~PeriodicThread() {
