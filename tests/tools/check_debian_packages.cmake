@@ -6,13 +6,7 @@ cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE "${WORK_DIR}")
 set(root "${WORK_DIR}/root")
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "command failed (${rc}): ${ARGN}\n${out}")
-  endif()
-  set(output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../install/consumer_checks.cmake)
 
 run(cpack --config "${BUILD_DIR}/CPackConfig.cmake" -B "${WORK_DIR}/packages")
 file(GLOB debs "${WORK_DIR}/packages/*.deb")
@@ -49,16 +43,7 @@ endforeach()
 
 # The consumer project against the extracted root.
 set(ENV{LD_LIBRARY_PATH} "${root}/usr/lib")
-run(${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/install/consumer" -B "${WORK_DIR}/consumer"
-    -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${root}/usr")
-run(${CMAKE_COMMAND} --build "${WORK_DIR}/consumer")
-run("${WORK_DIR}/consumer/consumer")
-set(ENV{PKG_CONFIG_PATH} "${root}/usr/lib/pkgconfig")
-run(pkg-config --cflags --libs kelvo)
-separate_arguments(flags UNIX_COMMAND "${output}")
-run(c++ -std=c++17 "${SOURCE_DIR}/tests/install/consumer/main.cpp" ${flags}
-    -o "${WORK_DIR}/consumer-pkgconfig")
-run("${WORK_DIR}/consumer-pkgconfig")
+check_consumer("${root}/usr" "${root}/usr/lib")
 # A packaged tool finds the packaged library beside it, without LD_LIBRARY_PATH.
 unset(ENV{LD_LIBRARY_PATH})
 run(${CMAKE_COMMAND} -E env LD_TRACE_LOADED_OBJECTS=1 "${root}/usr/bin/kelvo-check")
