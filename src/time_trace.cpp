@@ -175,17 +175,29 @@ void formatEventText(const EventCopy& event, char (&text)[kLineLength]) {
 }
 #pragma GCC diagnostic pop
 
-void mergeAndFormat(std::vector<Cursor>* cursors, TraceOutput* output) {
+// Chooses the start time by TimeTrace::keepOldEvents, skips what lies before it, then hands every
+// remaining event to `visit(index, event, us, start, text)` in time order (`index` is the event's
+// cursor, `us` its time since the start).
+template <typename Visit>
+void mergeEvents(std::vector<Cursor>* cursors, Visit&& visit) {
   const uint64_t start = chooseStartTime(*cursors, TimeTrace::keepOldEvents);
   if (!TimeTrace::keepOldEvents) skipEventsBefore(start, cursors);
-
-  bool first = true;
-  double previousUs = 0.0;
   for (int index = pickOldest(*cursors); index >= 0; index = pickOldest(*cursors)) {
     Cursor& cursor = (*cursors)[index];
     const EventCopy event = copyEvent(cursor.event());
     cursor.advance();
     if (event.format == nullptr) continue;  // cleared by a concurrent reset
+    const double us = Cycles::toSeconds(event.timestamp - start) * 1e6;
+    char text[kLineLength];
+    formatEventText(event, text);
+    visit(index, event, us, start, text);
+  }
+}
+
+void mergeAndFormat(std::vector<Cursor>* cursors, TraceOutput* output) {
+  bool first = true;
+  double previousUs = 0.0;
+  mergeEvents(cursors, [&](int, const EventCopy&, double us, uint64_t start, const char* text) {
     if (first) {
       char header[kHeaderLength];
       std::snprintf(header, sizeof(header), "CYCLES_PER_SECOND %f\nSTART_CYCLES %" PRIu64 "\n",
@@ -193,14 +205,11 @@ void mergeAndFormat(std::vector<Cursor>* cursors, TraceOutput* output) {
       output->write(header);
       first = false;
     }
-    const double us = Cycles::toSeconds(event.timestamp - start) * 1e6;
-    char text[kLineLength];
-    formatEventText(event, text);
     char prefix[kLineLength];
     std::snprintf(prefix, sizeof(prefix), "%8.1f us (+%6.1f us): ", us, us - previousUs);
     output->writeEvent(prefix, text);
     previousUs = us;
-  }
+  });
   if (first) output->write(kNoEvents);
 }
 
@@ -622,18 +631,10 @@ std::string TimeTrace::traceJsonOf(std::vector<Buffer*>* buffers, const TaskName
     tracks[i].threadName = (*buffers)[i]->threadName();
     builder.addTrackName(tracks[i]);
   }
-  const uint64_t start = chooseStartTime(cursors, keepOldEvents);
-  if (!keepOldEvents) skipEventsBefore(start, &cursors);
-  for (int index = pickOldest(cursors); index >= 0; index = pickOldest(cursors)) {
-    Cursor& cursor = cursors[index];
-    const EventCopy event = copyEvent(cursor.event());
-    cursor.advance();
-    if (event.format == nullptr) continue;  // cleared by a concurrent reset
-    const double us = Cycles::toSeconds(event.timestamp - start) * 1e6;
-    char text[kLineLength];
-    formatEventText(event, text);
-    builder.addEvent(&tracks[index], event, us, text);
-  }
+  mergeEvents(&cursors,
+              [&](int index, const EventCopy& event, double us, uint64_t, const char* text) {
+                builder.addEvent(&tracks[index], event, us, text);
+              });
   for (JsonTrack& track : tracks) builder.closeTrack(&track);
   return builder.finish();
 }

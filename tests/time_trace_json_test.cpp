@@ -21,6 +21,7 @@
 #include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
+#include "thread_test_support.h"
 
 namespace mosk::kelvo {
 namespace {
@@ -304,10 +305,7 @@ TEST(TraceJsonPeriodicThreadTest, ALoopsTraceShowsPassesAndTaskRunsOnItsThreadsT
         "beta", [] {}, 0, 1000000);
     thread.setTraceEnabled(true);
     thread.start(0);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (runs.load() < 5 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    test_support::waitFor([&] { return runs.load() >= 5; });  // checked once the loop ended
     thread.stop();
     thread.join();
   }

@@ -60,6 +60,9 @@ class TimeTraceTest : public ::testing::Test {
 
   void TearDown() override {
     TimeTrace::deleteThreadBuffer();
+    // A merge frees the rings whose thread deleted them, and forgets them: freed below instead,
+    // their addresses would stay marked dead, and a later test's ring there would be freed twice.
+    TimeTrace::getTrace();
     {
       std::lock_guard<std::mutex> lock(TimeTrace::mutex);
       // The registry owns the rings that threads created; this test's registry goes away with
