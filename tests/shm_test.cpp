@@ -700,7 +700,7 @@ TEST_F(ShmTest, NotifyWithoutWaiterIsNotStored) {
 // wait again). kelvo-topics rm does exactly this.
 TEST_F(ShmTest, RemovalWaitsForWaitersUntilTheyAreWoken) {
   void* mem = connect();
-  auto* cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 116);
+  pthread_cond_t* cond = shmtest::headerCond(mem);
   Child waiter;
   waiter.exec(helperArgs("wait"));
   ASSERT_EQ(waiter.readLine(), "ready");

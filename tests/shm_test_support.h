@@ -68,6 +68,10 @@ inline pthread_mutex_t* headerCondMutex(void* mem) {
   return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 76);
 }
 
+inline pthread_cond_t* headerCond(void* mem) {
+  return reinterpret_cast<pthread_cond_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 116);
+}
+
 constexpr size_t kMagicOffset = 0;
 constexpr size_t kCreatorPidOffset = 4;
 constexpr size_t kPageSizeOffset = 20;
