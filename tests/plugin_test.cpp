@@ -236,19 +236,24 @@ constexpr int kStillWaiting = 3;
     if (write(STDERR_FILENO, text.data(), text.size()) < 0) _exit(11);
     _exit(code);
   };
+  // Moves what is waiting in the pipe into `captured`. Reading and appending happen under one
+  // lock, so whoever holds it next sees every byte read so far.
+  auto drain = [fd = fds[0], captured, capturedMutex] {
+    std::lock_guard<std::mutex> lock(*capturedMutex);
+    pollfd readable{fd, POLLIN, 0};
+    while (poll(&readable, 1, 0) > 0) {
+      char buffer[512];
+      const ssize_t n = read(fd, buffer, sizeof(buffer));
+      if (n <= 0) break;
+      captured->append(buffer, static_cast<size_t>(n));
+    }
+  };
   std::thread([=] {
     const auto giveUp = std::chrono::steady_clock::now() + 60s;
     std::chrono::steady_clock::time_point settledAt{};
     for (;;) {
       pollfd readable{fds[0], POLLIN, 0};
-      if (poll(&readable, 1, 10) > 0) {
-        char buffer[512];
-        const ssize_t n = read(fds[0], buffer, sizeof(buffer));
-        if (n > 0) {
-          std::lock_guard<std::mutex> lock(*capturedMutex);
-          captured->append(buffer, static_cast<size_t>(n));
-        }
-      }
+      if (poll(&readable, 1, 10) > 0) drain();
       const auto now = std::chrono::steady_clock::now();
       bool isSettled;
       {
@@ -263,12 +268,8 @@ constexpr int kStillWaiting = 3;
     }
   }).detach();
   body();
-  // Let the watchdog drain what the body printed, then report that the body returned.
-  waitFor([&] {
-    pollfd readable{fds[0], POLLIN, 0};
-    return poll(&readable, 1, 0) == 0;
-  });
-  std::this_thread::sleep_for(20ms);
+  // Take in what the body printed, then report that the body returned.
+  drain();
   report(0);
   std::abort();  // report() does not return
 }

@@ -577,14 +577,17 @@ TEST_F(ShmTest, SecondExclusiveLockBlocksAnotherThread) {
   Child blocked;
   blocked.fork([mem] {
     std::atomic<bool> locked{false};
+    std::atomic<uint32_t> tid{0};
     std::thread t([&] {
+      tid = shm_gettid();
       shm_lock(mem);
       locked = true;
     });
     shmtest::report("started");
-    for (int i = 0; i < 20 && !locked; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    shmtest::report(locked ? "locked" : "blocked");
+    while (tid == 0) std::this_thread::yield();
+    // Blocked means asleep in the kernel inside shm_lock, not merely slow to take the lock.
+    bool asleep = shmtest::sleepsWithin("/proc/self/task/" + std::to_string(tid) + "/stat");
+    shmtest::report(asleep && !locked ? "blocked" : "locked");
     t.detach();  // the caller's _exit ends the blocked thread with the process
     return 0;
   });
@@ -700,7 +703,7 @@ TEST_F(ShmTest, NotifyWithoutWaiterIsNotStored) {
 // wait again). kelvo-topics rm does exactly this.
 TEST_F(ShmTest, RemovalWaitsForWaitersUntilTheyAreWoken) {
   void* mem = connect();
-  auto* cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 116);
+  pthread_cond_t* cond = shmtest::headerCond(mem);
   Child waiter;
   waiter.exec(helperArgs("wait"));
   ASSERT_EQ(waiter.readLine(), "ready");

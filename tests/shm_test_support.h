@@ -31,6 +31,23 @@ namespace shmtest {
 // Generous: the machine is shared and may be loaded.
 constexpr int kTimeoutMs = 30000;
 
+// True once the task whose /proc stat file is `statPath` sleeps in the kernel (blocked on a
+// lock or a condition) within `timeoutMs`.
+inline bool sleepsWithin(const std::string& statPath, int timeoutMs = kTimeoutMs) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::ifstream stat(statPath);
+    std::string all;
+    std::getline(stat, all);
+    size_t close = all.rfind(')');
+    if (close != std::string::npos && close + 2 < all.size() && all[close + 2] == 'S') {
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
 inline std::string topicDir(const std::string& topic) { return "/tmp/topics/" + topic; }
 inline std::string keyPath(const std::string& topic) { return topicDir(topic) + "/shmkey"; }
 
@@ -66,6 +83,10 @@ inline const char* headerTopic(void* mem) { return static_cast<char*>(mem) - MEM
 
 inline pthread_mutex_t* headerCondMutex(void* mem) {
   return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 76);
+}
+
+inline pthread_cond_t* headerCond(void* mem) {
+  return reinterpret_cast<pthread_cond_t*>(static_cast<char*>(mem) - MEM_HDR_SIZE + 116);
 }
 
 constexpr size_t kMagicOffset = 0;
@@ -221,18 +242,7 @@ class Child {
 
   // True once the child sleeps in the kernel (blocked on a lock or a condition).
   bool waitUntilSleeping(int timeoutMs = kTimeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-      std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
-      std::string all;
-      std::getline(stat, all);
-      size_t close = all.rfind(')');
-      if (close != std::string::npos && close + 2 < all.size() && all[close + 2] == 'S') {
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
+    return sleepsWithin("/proc/" + std::to_string(pid_) + "/stat", timeoutMs);
   }
 
  private:
