@@ -130,7 +130,9 @@ void SocketClientProxy::receivingLoop() {
   char buffer[framing::kServerBufferSize];
   int offset = 0;
   int fill = 0;
+  // Holds at most one receive's text: reserved here so that no receive allocates.
   std::string accumulator;
+  accumulator.reserve(framing::kReceiveSize);
   bool ended = false;
   while (!ended && running_.load(std::memory_order_relaxed)) {
     switch (policy_.load(std::memory_order_relaxed)) {
