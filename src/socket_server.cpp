@@ -1,6 +1,5 @@
 #include "mosk/kelvo/socket_server.h"
 
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,15 +13,6 @@
 
 namespace mosk {
 namespace kelvo {
-
-namespace {
-
-void armQuickAck(int fd) {
-  int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
-}
-
-}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // SocketClientProxy
