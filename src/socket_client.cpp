@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -196,8 +195,7 @@ void SocketClient::receiveUntilLost(char* buffer) {
                                            callback_->onReceived(data, length);
                                          }
                                        });
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
+    armQuickAck(fd);
   }
 }
 

@@ -1,7 +1,10 @@
-// The send both connected-socket kinds share: one send(2), no retry, no lock.
+// What both connected-socket kinds share: the send (one send(2), no retry, no lock) and the
+// re-arming of quick acknowledgements after a receive.
 #ifndef KELVO_SOCKET_SEND_H_
 #define KELVO_SOCKET_SEND_H_
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -24,6 +27,13 @@ int sendOnce(bool connected, int fd, const char* data, int length, SetError&& se
     return -1;
   }
   return 0;
+}
+
+// Turns on quick acknowledgement on fd; it is not sticky, so the receiving loops set it again
+// after each receive.
+inline void armQuickAck(int fd) {
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
 }
 
 }  // namespace kelvo

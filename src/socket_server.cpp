@@ -1,6 +1,5 @@
 #include "mosk/kelvo/socket_server.h"
 
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,15 +13,6 @@
 
 namespace mosk {
 namespace kelvo {
-
-namespace {
-
-void armQuickAck(int fd) {
-  int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
-}
-
-}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // SocketClientProxy
@@ -130,7 +120,9 @@ void SocketClientProxy::receivingLoop() {
   char buffer[framing::kServerBufferSize];
   int offset = 0;
   int fill = 0;
+  // Holds at most one receive's text: reserved here so that no receive allocates.
   std::string accumulator;
+  accumulator.reserve(framing::kReceiveSize);
   bool ended = false;
   while (!ended && running_.load(std::memory_order_relaxed)) {
     switch (policy_.load(std::memory_order_relaxed)) {

@@ -192,7 +192,11 @@ TEST_F(ClientTest, AFrameCutByTheReceiveIsDeliveredOnceComplete) {
   int peer = listener.acceptOne();
   std::string whole = frame(std::string(100, 'c'));
   ASSERT_TRUE(writeAll(peer, whole.substr(0, 10)));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it arrive on its own
+  // The client has received the cut part on its own before the rest is written.
+  ASSERT_TRUE(waitFor([&] {
+    int pending = -1;
+    return ioctl(client_->getFd(), FIONREAD, &pending) == 0 && pending == 0;
+  }));
   EXPECT_EQ(record_->messageCount(), 0u);
   ASSERT_TRUE(writeAll(peer, whole.substr(10)));
   ASSERT_TRUE(waitFor([&] { return record_->messageCount() == 1; }));

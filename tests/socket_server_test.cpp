@@ -1,12 +1,10 @@
 #include "mosk/kelvo/socket_server.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -372,18 +370,7 @@ TEST_F(ServerTest, CallbacksRunOnTheConnectionsOwnThread) {
 }
 
 // True while some thread of this process is blocked in accept (x86-64 syscalls 43 and 288).
-bool aThreadIsInAccept() {
-  DIR* tasks = opendir("/proc/self/task");
-  bool found = false;
-  while (dirent* entry = readdir(tasks)) {
-    if (entry->d_name[0] == '.') continue;
-    std::ifstream syscall(std::string("/proc/self/task/") + entry->d_name + "/syscall");
-    long number = -1;
-    if (syscall >> number && (number == 43 || number == 288)) found = true;
-  }
-  closedir(tasks);
-  return found;
-}
+bool aThreadIsInAccept() { return kelvo_test::aThreadIsInSyscall({43, 288}); }
 
 TEST_F(ServerTest, StopWaitsForOneMoreConnection) {
   bindServer();

@@ -166,8 +166,9 @@ TEST(SocketTcpTest, SelectSendWaitsForReadableDataEvenOnAWritableSocket) {
   Pair pair;
   std::atomic<int> sent{-2};
   std::thread sender([&] { sent = selectSend(pair.a, "ping", 4); });
-  // The socket is writable at once; selectSend must still be waiting for readable data.
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // The socket is writable at once; selectSend must still be waiting for readable data once
+  // its thread blocks in select (x86-64 syscalls 23 and 270).
+  EXPECT_TRUE(kelvo_test::waitFor([] { return kelvo_test::aThreadIsInSyscall({23, 270}); }));
   EXPECT_EQ(sent.load(), -2);
   ASSERT_TRUE(kelvo_test::writeAll(pair.b, "x"));
   sender.join();

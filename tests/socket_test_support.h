@@ -14,7 +14,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -50,6 +52,24 @@ struct Resources {
   int fds = countEntries("/proc/self/fd");
   int tasks = countEntries("/proc/self/task");
 };
+
+// True while some thread of this process is blocked in one of the system calls `numbers`.
+inline bool aThreadIsInSyscall(std::initializer_list<long> numbers) {
+  DIR* tasks = opendir("/proc/self/task");
+  if (tasks == nullptr) return false;
+  bool found = false;
+  while (dirent* entry = readdir(tasks)) {
+    if (entry->d_name[0] == '.') continue;
+    std::ifstream syscall(std::string("/proc/self/task/") + entry->d_name + "/syscall");
+    long number = -1;
+    if (!(syscall >> number)) continue;
+    for (long wanted : numbers) {
+      if (number == wanted) found = true;
+    }
+  }
+  closedir(tasks);
+  return found;
+}
 
 // Polls `done` until true or the generous limit passes; returns its last value.
 inline bool waitFor(const std::function<bool()>& done,
