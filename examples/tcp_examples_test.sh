@@ -36,8 +36,14 @@ case "$what" in
   diagnostic)
     start "$bin/kelvo-diagnostic-port" --port 0 --seconds 60
     exec 3<>"/dev/tcp/127.0.0.1/$port"
-    printf 'status\r.\n' >&3
-    IFS= read -r -t 10 reply <&3
+    # The connection's own thread may answer before the accepting thread has added it to the
+    # server's list, so the first answers may still count 0 clients: ask until it counts 1.
+    for _ in $(seq 1 100); do
+      printf 'status\r.\n' >&3
+      IFS= read -r -t 10 reply <&3
+      [[ "$reply" == cycles\ *\ tasks\ 1\ clients\ 1 ]] && break
+      sleep 0.1
+    done
     echo "status -> $reply"
     [[ "$reply" == cycles\ *\ tasks\ 1\ clients\ 1 ]]
     printf 'tasks\r.\n' >&3
