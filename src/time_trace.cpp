@@ -9,6 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
+
+#include "mosk/kelvo/trace_task_names.h"
+#include "time_trace_rings.h"
 
 namespace mosk {
 namespace kelvo {
@@ -418,6 +422,16 @@ EventKind classify(const char* format) {
   return EventKind::kInstant;
 }
 
+bool isTaskRunEvent(const char* format) {
+  const EventKind kind = classify(format);
+  return kind == EventKind::kTaskStart || kind == EventKind::kTaskEnd;
+}
+
+// The identifier of the task a task-run event belongs to (0 when it was recorded without one).
+uint64_t taskIdOf(const EventCopy& event) {
+  return isTaskRunEvent(event.format) ? TraceTaskNames::fromWords(event.arg2, event.arg3) : 0;
+}
+
 // Length of the valid UTF-8 sequence at `s` (at most `left` bytes), or 0 if it is not one.
 size_t utf8SequenceLength(const unsigned char* s, size_t left) {
   size_t length;
@@ -486,6 +500,7 @@ struct JsonTrack {
   bool passOpen = false;
   bool taskOpen = false;
   uint32_t openTask = 0;
+  uint64_t openTaskId = 0;
   uint32_t tasksInPass = 0;
   double lastUs = 0.0;
 };
@@ -511,6 +526,7 @@ class JsonTraceBuilder {
 
   void addEvent(JsonTrack* track, const EventCopy& event, double us, const char* text) {
     const uint32_t arg0 = event.arg0;
+    const uint64_t taskId = taskIdOf(event);
     switch (classify(event.format)) {
       case EventKind::kPassStart:
         closeTask(track);
@@ -521,12 +537,13 @@ class JsonTraceBuilder {
         break;
       case EventKind::kTaskStart:
         closeTask(track);
-        add(us, track->tid, 'B', taskName(*track, arg0, text), text);
+        add(us, track->tid, 'B', taskName(*track, arg0, taskId, text), text);
         track->taskOpen = true;
         track->openTask = arg0;
+        track->openTaskId = taskId;
         break;
       case EventKind::kTaskEnd:
-        if (track->taskOpen && track->openTask == arg0) {
+        if (track->taskOpen && track->openTask == arg0 && track->openTaskId == taskId) {
           add(us, track->tid, 'E', "", text);
           track->taskOpen = false;
         } else {  // its start was skipped or overwritten
@@ -570,10 +587,17 @@ class JsonTraceBuilder {
     std::string json;
   };
 
-  std::string taskName(const JsonTrack& track, uint32_t index, const char* text) const {
+  // The namer's name if it gives one, else the name of the task that ran, else the position
+  // ("Task[i]").
+  std::string taskName(const JsonTrack& track, uint32_t index, uint64_t taskId, const char* text) {
     if (namer_) {
       std::string name = namer_(track.threadName, index, track.tasksInPass);
       if (!name.empty()) return name;
+    }
+    if (taskId != 0) {
+      auto known = names_.find(taskId);
+      if (known == names_.end()) known = names_.emplace(taskId, TraceTaskNames::find(taskId)).first;
+      if (!known->second.empty()) return known->second;
     }
     const std::string eventText(text);
     const size_t bracket = eventText.find(']');
@@ -614,11 +638,31 @@ class JsonTraceBuilder {
   }
 
   const TimeTrace::TaskNamer& namer_;
+  std::unordered_map<uint64_t, std::string> names_;  // task names looked up so far
   std::vector<std::string> metadata_;
   std::vector<Entry> entries_;
 };
 
 }  // namespace
+
+std::unordered_set<uint64_t> detail::taskIdsStillInRings(
+    const std::unordered_set<uint64_t>& candidates) {
+  std::unordered_set<uint64_t> found;
+  const auto scan = [&](const Buffer* ring) {
+    for (const Buffer::Event& slot : ring->events) {
+      const EventCopy event = copyEvent(slot);
+      if (event.format == nullptr) continue;
+      const uint64_t taskId = taskIdOf(event);
+      if (taskId != 0 && candidates.count(taskId) != 0) found.insert(taskId);
+    }
+  };
+  // Under the registry's mutex no ring is freed; rings a merge still reads after they left the
+  // registry are read too.
+  std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+  for (const Buffer* ring : TimeTrace::threadBuffers) scan(ring);
+  for (const Buffer* ring : unregisteredRings) scan(ring);
+  return found;
+}
 
 std::string TimeTrace::traceJsonOf(std::vector<Buffer*>* buffers, const TaskNamer& taskNamer) {
   ReadingGuard reading(buffers);
