@@ -205,6 +205,14 @@ void recordRun(Buffer* buffer, uint64_t start, uint64_t end, uint32_t index, uin
   buffer->record(end, kTaskEnd, index, 0, low, high);
 }
 
+// A pass at `at` running `taskIds` in that order, 0.1 us apart.
+void recordPass(Buffer* buffer, uint64_t at, const std::vector<uint64_t>& taskIds) {
+  buffer->record(at, kPass, static_cast<uint32_t>(taskIds.size()));
+  for (uint32_t i = 0; i < taskIds.size(); ++i) {
+    recordRun(buffer, at + 100 + 200 * i, at + 200 + 200 * i, i, taskIds[i]);
+  }
+}
+
 // Names of the begun slices, in order.
 std::vector<std::string> sliceNames(const std::vector<json>& events) {
   std::vector<std::string> names;
@@ -238,16 +246,9 @@ TEST_F(TraceJsonTest, WithoutANamerTaskSlicesAreNamedAfterTheTaskThatRan) {
   const uint64_t b = tasks.add("b");
   const uint64_t urgent = tasks.add("urgent");
   Buffer* buffer = ring("loop");
-  buffer->record(1000, kPass, 2);
-  recordRun(buffer, 1100, 1200, 0, a);
-  recordRun(buffer, 1300, 1400, 1, b);
-  buffer->record(2000, kPass, 3);  // "urgent" in front: the others move on
-  recordRun(buffer, 2100, 2200, 0, urgent);
-  recordRun(buffer, 2300, 2400, 1, a);
-  recordRun(buffer, 2500, 2600, 2, b);
-  buffer->record(3000, kPass, 2);  // "a" left: same length as the first pass
-  recordRun(buffer, 3100, 3200, 0, urgent);
-  recordRun(buffer, 3300, 3400, 1, b);
+  recordPass(buffer, 1000, {a, b});
+  recordPass(buffer, 2000, {urgent, a, b});  // "urgent" in front: the others move on
+  recordPass(buffer, 3000, {urgent, b});     // "a" left: same length as the first pass
   const std::vector<json> events = timedEvents(render({buffer}));
   expectBalancedSlices(events);
   EXPECT_EQ(sliceNames(events),
@@ -264,9 +265,7 @@ TEST_F(TraceJsonTest, ANamerOverridesTheTaskNameWhereItGivesOne) {
   const uint64_t a = tasks.add("a");
   const uint64_t b = tasks.add("b");
   Buffer* buffer = ring("loop");
-  buffer->record(1000, kPass, 2);
-  recordRun(buffer, 1100, 1200, 0, a);
-  recordRun(buffer, 1300, 1400, 1, b);
+  recordPass(buffer, 1000, {a, b});
   const auto namer = [](const std::string&, uint32_t index, uint32_t) {
     return index == 0 ? std::string("from namer") : std::string();
   };
@@ -279,10 +278,8 @@ TEST_F(TraceJsonTest, RunsWithoutAKnownTaskAreNamedByPosition) {
   NamedTasks tasks;
   const uint64_t unnamed = tasks.add("");
   Buffer* buffer = ring("loop");
-  buffer->record(1000, kPass, 3);
-  recordRun(buffer, 1100, 1200, 0, 0);                      // recorded without an identifier
-  recordRun(buffer, 1300, 1400, 1, 0x4fffffffffffffffull);  // no name kept for it
-  recordRun(buffer, 1500, 1600, 2, unnamed);                // an empty name
+  // Recorded without an identifier, with one that has no name kept, with an empty name.
+  recordPass(buffer, 1000, {0, 0x4fffffffffffffffull, unnamed});
   EXPECT_EQ(sliceNames(timedEvents(render({buffer}))),
             (std::vector<std::string>{"Task FRAME ++++++++++ started, 3 tasks", "Task[0]",
                                       "Task[1]", "Task[2]"}));
@@ -294,8 +291,7 @@ TEST_F(TraceJsonTest, ARunCarriesTheNameItsTaskHadWhenAdded) {
   auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, nullptr, false);
   task->name = "renamed later";
   Buffer* buffer = ring("loop");
-  buffer->record(1000, kPass, 1);
-  recordRun(buffer, 1100, 1200, 0, wrapper->serial);
+  recordPass(buffer, 1000, {wrapper->serial});
   EXPECT_EQ(sliceNames(timedEvents(render({buffer}))),
             (std::vector<std::string>{"Task FRAME ++++++++++ started, 1 tasks", "as added"}));
 }
