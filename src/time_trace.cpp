@@ -25,6 +25,10 @@ bool TimeTrace::keepOldEvents = false;
 
 namespace {
 
+// Set, under TimeTrace::mutex, just before the registry is destroyed at exit: from then on it
+// must not be read.
+bool registryDestroyed = false;
+
 // Rings live as long as the process: a thread that is still running while the process exits
 // may record into its ring after the registry's destructor has run. When the registry is
 // destroyed, its rings are handed to a list that is never freed, so they stay valid (and leak
@@ -32,6 +36,7 @@ namespace {
 struct RingsOutliveTheRegistry {
   ~RingsOutliveTheRegistry() {
     std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+    registryDestroyed = true;
     static auto* survivors = new std::vector<TimeTrace::Buffer*>();
     survivors->insert(survivors->end(), TimeTrace::threadBuffers.begin(),
                       TimeTrace::threadBuffers.end());
@@ -657,8 +662,10 @@ std::unordered_set<uint64_t> detail::taskIdsStillInRings(
     }
   };
   // Under the registry's mutex no ring is freed; rings a merge still reads after they left the
-  // registry are read too.
+  // registry are read too. Once the process has destroyed the registry (tasks may still die
+  // while it exits), every candidate counts as shown: nothing is dropped then.
   std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+  if (registryDestroyed) return candidates;
   for (const Buffer* ring : TimeTrace::threadBuffers) scan(ring);
   for (const Buffer* ring : unregisteredRings) scan(ring);
   return found;
