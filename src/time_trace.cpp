@@ -650,24 +650,61 @@ class JsonTraceBuilder {
 
 }  // namespace
 
+namespace {
+
+// Whether formats name task runs, remembered per format pointer: a ring holds only a few
+// distinct formats, so a scan compares strings a few times instead of once per slot.
+class TaskRunFormats {
+ public:
+  bool isTaskRun(const char* format) {
+    for (const Known& known : known_) {
+      if (known.format == format) return known.taskRun;
+    }
+    Known& slot = known_[next_++ % kKnown];
+    slot = Known{format, isTaskRunEvent(format)};
+    return slot.taskRun;
+  }
+
+ private:
+  static constexpr size_t kKnown = 8;
+  struct Known {
+    const char* format = nullptr;
+    bool taskRun = false;
+  };
+  Known known_[kKnown];
+  size_t next_ = 0;
+};
+
+// Adds to `found` the candidates that the task-run events of `ring` carry.
+void collectTaskIds(const Buffer& ring, const std::unordered_set<uint64_t>& candidates,
+                    TaskRunFormats* formats, std::unordered_set<uint64_t>* found) {
+  uint64_t previous = 0;  // a run's start and end carry the same task: look it up once
+  for (const Buffer::Event& slot : ring.events) {
+    const char* format = slot.format.load(std::memory_order_relaxed);
+    if (format == nullptr || !formats->isTaskRun(format)) continue;
+    const uint64_t taskId = TraceTaskNames::fromWords(slot.arg2.load(std::memory_order_relaxed),
+                                                      slot.arg3.load(std::memory_order_relaxed));
+    if (taskId == previous) continue;
+    previous = taskId;
+    if (candidates.count(taskId) != 0) found->insert(taskId);
+  }
+}
+
+}  // namespace
+
 std::unordered_set<uint64_t> detail::taskIdsStillInRings(
     const std::unordered_set<uint64_t>& candidates) {
   std::unordered_set<uint64_t> found;
-  const auto scan = [&](const Buffer* ring) {
-    for (const Buffer::Event& slot : ring->events) {
-      const EventCopy event = copyEvent(slot);
-      if (event.format == nullptr) continue;
-      const uint64_t taskId = taskIdOf(event);
-      if (taskId != 0 && candidates.count(taskId) != 0) found.insert(taskId);
-    }
-  };
+  TaskRunFormats formats;
   // Under the registry's mutex no ring is freed; rings a merge still reads after they left the
   // registry are read too. Once the process has destroyed the registry (tasks may still die
   // while it exits), every candidate counts as shown: nothing is dropped then.
   std::lock_guard<std::mutex> lock(TimeTrace::mutex);
   if (registryDestroyed) return candidates;
-  for (const Buffer* ring : TimeTrace::threadBuffers) scan(ring);
-  for (const Buffer* ring : unregisteredRings) scan(ring);
+  for (const Buffer* ring : TimeTrace::threadBuffers) {
+    collectTaskIds(*ring, candidates, &formats, &found);
+  }
+  for (const Buffer* ring : unregisteredRings) collectTaskIds(*ring, candidates, &formats, &found);
   return found;
 }
 
