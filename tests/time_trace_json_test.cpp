@@ -186,7 +186,7 @@ TEST_F(TraceJsonTest, PassesAndTaskRunsAreSlicesNamedAfterTheirTasks) {
   EXPECT_EQ(events[2].at("args").at("text"), "Task[0] <<<<<<<< end 0");
 }
 
-TEST_F(TraceJsonTest, WithoutANamerTaskSlicesAreNamedByPosition) {
+TEST_F(TraceJsonTest, RunsRecordedWithoutATaskAndWithoutANamerAreNamedByPosition) {
   Buffer* buffer = ring("loop");
   buffer->record(1000, kPass, 1);
   buffer->record(1100, kTaskStart, 0);
