@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "mosk/kelvo/trace_task_names.h"
 #include "time_trace_rings.h"
@@ -647,10 +648,6 @@ class JsonTraceBuilder {
   std::vector<std::string> metadata_;
   std::vector<Entry> entries_;
 };
-
-}  // namespace
-
-namespace {
 
 // Whether formats name task runs, remembered per format pointer: a ring holds only a few
 // distinct formats, so a scan compares strings a few times instead of once per slot.
