@@ -330,7 +330,9 @@ void createCoroutine(RealTimeTaskWrapper& wrapper) {
 }
 }  // namespace
 
-struct PeriodicThread::PrivateData {
+// Hidden although nested in an exported class: its members are the loop's internals, not part of
+// the library's interface.
+struct __attribute__((visibility("hidden"))) PeriodicThread::PrivateData {
   PrivateData(unsigned int period, const char* threadName, ScheduleMethod method, int cpu,
               int priority)
       : cpu(cpu),

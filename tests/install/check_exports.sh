@@ -13,6 +13,14 @@ if [ -n "$unexpected" ]; then
   echo "$unexpected"
   exit 1
 fi
+# A class's private implementation (PrivateData, nested in an exported class and so exported by
+# default) must stay hidden: its members are internals that would otherwise become ABI.
+internals=$(nm -D --defined-only -C "$lib" | grep -E '::PrivateData(::|[^A-Za-z0-9_]|$)' || true)
+if [ -n "$internals" ]; then
+  echo "exported symbols of a private implementation (mark it hidden):"
+  echo "$internals"
+  exit 1
+fi
 # Every exported symbol carries the ABI's version node.
 unversioned=$(nm -D --defined-only "$lib" | awk '{ print $3 }' | grep -vE '@@KELVO_0$|^KELVO_0$' || true)
 if [ -n "$unversioned" ]; then
