@@ -95,6 +95,7 @@ bool sameMapping(const std::string& a, const std::string& b) {
 
 struct LockedMemory {
   long vmLckKiB = statusKiB("VmLck:");
+  long vmRssKiB = statusKiB("VmRSS:");
   std::vector<std::string> arenas = arenaSizedLockedMappings();
 };
 
@@ -199,6 +200,7 @@ void checkGrowth(Report& report, const LockedMemory& before, const LockedMemory&
   long perConnection = (after.vmLckKiB - before.vmLckKiB) / count;
   report.note(what + ": VmLck " + std::to_string(before.vmLckKiB) + " -> " +
               std::to_string(after.vmLckKiB) + " KiB, " + std::to_string(perConnection) +
+              " KiB each; VmRSS " + std::to_string((after.vmRssKiB - before.vmRssKiB) / count) +
               " KiB each");
   report.check(before.vmLckKiB > 0, "VmLck unreadable or nothing locked");
   report.check(perConnection <= kMaxLockedKiBPerConnection,

@@ -33,11 +33,12 @@
 // owns it (getTcpCallback()).
 //
 // The receiving thread has a stack of kTcpThreadStackSize (256 KiB) unless setThreadStackSize
-// chose another size before connect; the callbacks may use up to about the size less 16 KiB
-// (the library's frames and the thread's static TLS). connect allocates the receive buffer
-// before it starts the thread, and the thread allocates nothing itself: under
-// mlockall(MCL_FUTURE) a client costs its stack and guard page in locked memory, plus a heap
-// arena only if a callback allocates (see socket_server.h, "Locked memory").
+// chose another size before connect; the callbacks may use up to the size less 16 KiB (the
+// thread's static TLS and the library's frames lie above them). connect allocates the receive
+// buffer before it starts the thread, and the thread allocates nothing itself: under
+// mlockall(MCL_FUTURE) a client costs its stack and guard page in locked memory (about 270 KiB
+// of VmLck), plus a heap arena only if a callback allocates (see socket_server.h, "Locked
+// memory").
 //
 // Threading: onConnected runs on the receiving thread under the client's mutex (so it must
 // not call connect or stop); the other events on the receiving thread without it; onUpdate on

@@ -44,19 +44,22 @@
 // Threads and their stacks: bind starts the accepting thread (newInstance runs there) and each
 // accepted connection starts its receiving thread (onConnected, onReceived, onDisconnected,
 // onStopped run there). Each has a stack of kTcpThreadStackSize (256 KiB) unless
-// setThreadStackSize chose another size before bind. The library's frames under a callback
-// take about 6 KiB of it and the thread's static TLS a few more (more if the program has
-// large thread_local objects), so newInstance and the callbacks may use up to about 240 KiB of
-// a 256 KiB stack (size - 16 KiB in general): keep large buffers on the heap or in the
-// callback object, not in local arrays, and allocate them in newInstance or earlier, not on
-// the receiving thread (see "Locked memory" below). A stack overflow ends the process.
+// setThreadStackSize chose another size before bind. The thread's static TLS and the
+// library's frames (with the 4 KiB receive buffer) lie above a callback: about 10 KiB on a
+// receiving thread, 6 KiB on the accepting thread, more if the program has large thread_local
+// objects; an echo or a diagnostic answer built from a few strings reaches 13 KiB deep in all.
+// newInstance and the callbacks may use up to the size less 16 KiB (240 KiB by default): keep
+// large buffers in the callback object or on the heap, allocated in newInstance or earlier,
+// not in local arrays and not on the receiving thread (see "Locked memory" below). Running
+// past the end of the stack ends the process (it hits the guard page).
 //
-// Locked memory: under mlockall(MCL_CURRENT | MCL_FUTURE) each connection locks its stack
-// (256 KiB plus a 4 KiB guard page) and the few KiB its objects take on the accepting
-// thread's heap: about 270 KiB of VmLck per connection instead of 8 MiB and more with the
-// platform's default stack. The library allocates nothing on a receiving thread; if a
-// callback does, glibc gives that thread a heap arena of its own (one per thread, up to 8 per
-// core: 64 MiB of locked address space and 132 KiB resident each under mlockall). Calling
+// Locked memory: under mlockall(MCL_CURRENT | MCL_FUTURE) each connection locks its stack and
+// guard page (260 KiB of VmLck, 256 KiB resident) and the few KiB its objects take on the
+// heap; with the platform's 8 MiB stack it was 8 MiB resident per connection. The library
+// allocates nothing on a receiving thread. A thread that does allocate (the accepting thread,
+// because newInstance returns a new object; a callback that builds strings) gets a heap arena
+// of its own from glibc, for the first 8 threads per core: 64 MiB of locked address space
+// (VmLck, which counts against RLIMIT_MEMLOCK) and 132 KiB resident each. Calling
 // mallopt(M_ARENA_MAX, 1) at start-up, before any thread starts, keeps every thread in the
 // main heap; the library never changes that setting itself.
 //
