@@ -375,15 +375,7 @@ TEST_F(ClientThreadTest, ZeroRestoresThePlatformsDefaultStack) {
 }
 
 TEST_F(ClientThreadTest, TheThreadInheritsTheNameAndSignalMaskOfTheConnectingThread) {
-  std::thread connector([&] {
-    pthread_setname_np(pthread_self(), "connector-test");
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
-    connectAndStop();
-  });
-  connector.join();
+  kelvo_test::runOnMarkedThread("connector-test", [&] { connectAndStop(); });
   EXPECT_EQ(receiving_.name, "connector-test");
   EXPECT_TRUE(receiving_.sigusr2Blocked);
 }

@@ -576,18 +576,12 @@ TEST_F(ServerThreadTest, ZeroRestoresThePlatformsDefaultStack) {
 TEST_F(ServerThreadTest, ThreadsInheritTheNameAndSignalMaskOfTheBindingThread) {
   std::string name;
   bool blocked = false;
-  std::thread binder([&] {
-    pthread_setname_np(pthread_self(), "binder-test");
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+  kelvo_test::runOnMarkedThread("binder-test", [&] {
     connectOne();
     ThreadFacts facts = factsOfThisThread();
     name = facts.name;
     blocked = facts.sigusr2Blocked;
   });
-  binder.join();
   EXPECT_EQ(name, "binder-test");
   EXPECT_TRUE(blocked);
   EXPECT_EQ(accepting_.name, "binder-test");

@@ -133,6 +133,20 @@ __attribute__((noinline)) inline ThreadFacts factsOfThisThread() {
   return facts;
 }
 
+// Runs `body` on a new thread named `name` with SIGUSR2 blocked, so that a test can see what
+// the threads the body starts inherit; returns once that thread has ended.
+inline void runOnMarkedThread(const char* name, const std::function<void()>& body) {
+  std::thread marked([&] {
+    pthread_setname_np(pthread_self(), name);
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+    body();
+  });
+  marked.join();
+}
+
 inline sockaddr_in loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
