@@ -110,6 +110,26 @@ struct ThreadFacts {
   bool sigusr2Blocked = false;
 };
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+// True when a thread started with a stack of `asked` bytes got it. ThreadSanitizer keeps its
+// own thread state (about 0.8 MiB of static TLS) at the top of every thread's stack and raises
+// any smaller stack to that plus 128 KiB, so its builds only promise at least the size.
+inline bool hasStackOf(const ThreadFacts& facts, size_t asked) {
+  return kThreadSanitizer ? facts.stackSize >= asked : facts.stackSize == asked;
+}
+
+// True when at most 16 KiB of the stack (static TLS, the library's frames) lies above the
+// frame that took `facts`: what the headers promise a callback. Not under ThreadSanitizer,
+// whose thread state takes 0.8 MiB of it.
+inline bool leavesCallbacksTheirRoom(const ThreadFacts& facts) {
+  return kThreadSanitizer || facts.depth < 16 * 1024;
+}
+
 __attribute__((noinline)) inline ThreadFacts factsOfThisThread() {
   ThreadFacts facts;
   pthread_attr_t attributes;

@@ -53,7 +53,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>  // kept for programs that relied on it; the threads are SocketThreads
+#include <thread>  // unused here since the threads got bounded stacks; kept for includers
 
 #include "mosk/kelvo/export.h"
 #include "mosk/kelvo/socket_interface.h"
