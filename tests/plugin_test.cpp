@@ -689,6 +689,38 @@ TEST(PluginLoaderTest, LibraryWithoutExportsGivesNullSilentlyAndStaysOpen) {
   EXPECT_FALSE(isMapped(path));
 }
 
+// A plug-in that defines its record the plain way, `extern "C" PluginDetails exports{...};`,
+// with no visibility attribute: kelvo_add_plugin exports it all the same.
+TEST(PluginLoaderTest, PlainRecordBuiltWithKelvoAddPluginLoads) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  void* handle = loader->load(pluginPath("plain"));
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(eventTrail(), "plain:create plain:start");
+  EXPECT_EQ(loader->dump(),
+            "fileName: test_plugin_plain.so, className: TestActivator, pluginName: plain, "
+            "pluginVersion: 1.2.3 \nservices: 0 \n \n");
+  loader->unload(handle);
+  EXPECT_FALSE(isMapped(pluginPath("plain")));
+}
+
+// The same record in a module compiled with hidden visibility is hidden: to the loader that is
+// a library without "exports" (kelvo-plugin-check says why).
+TEST(PluginLoaderTest, PlainRecordHiddenByTheBuildGivesNullSilently) {
+  REQUIRE_POOL_THREAD();
+  const std::string path = pluginPath("hidden_exports");
+  {
+    LoaderUnderTest loader;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(loader->load(path), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(loader->error(), "");
+    EXPECT_EQ(eventTrail(), "");
+  }
+  closeCompletely(path);
+  EXPECT_FALSE(isMapped(path));
+}
+
 TEST(PluginLoaderTest, ApiVersionTwoIsRejectedWithItsMessage) {
   REQUIRE_POOL_THREAD();
   const std::string path = pluginPath("api2");
@@ -1022,7 +1054,8 @@ TEST(PluginLoaderDeathTest, UnresolvedFunctionLoadsAndKillsTheProcessWhenFirstCa
     LoaderUnderTest loader;
     void* handle = loader->load(path);
     ASSERT_NE(handle, nullptr) << "lazy binding: the missing function does not stop the load";
-    auto* call = reinterpret_cast<void (*)()>(dlsym(handle, "kelvo_test_call_missing"));
+    PluginContext* context = static_cast<PluginContext*>(const_cast<void*>(events()[1].context));
+    auto* call = reinterpret_cast<void (*)()>(context->GetService("test.call_missing"));
     ASSERT_NE(call, nullptr);
     EXPECT_EXIT(call(), testing::ExitedWithCode(127),
                 "symbol lookup error: .*unresolved\\.so: undefined symbol: "

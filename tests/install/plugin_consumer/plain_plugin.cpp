@@ -1,0 +1,28 @@
+// A plug-in of an outside project that writes its record the plain way, with no macro and no
+// visibility attribute: kelvo_add_plugin exports "exports" all the same.
+#include <mosk/kelvo/plugin.h>
+
+namespace {
+
+int answer = 7;
+
+class PlainActivator : public mosk::kelvo::PluginActivator {
+ public:
+  int start(mosk::kelvo::PluginContext* context) override {
+    context->RegisterService("plain.answer", &answer);
+    return 0;
+  }
+  int stop(mosk::kelvo::PluginContext* context) override {
+    context->UnregisterService("plain.answer");
+    return 0;
+  }
+};
+
+mosk::kelvo::PluginActivator* createPlain() { return new PlainActivator; }
+void destroyPlain(mosk::kelvo::PluginActivator* activator) { delete activator; }
+
+}  // namespace
+
+extern "C" mosk::kelvo::PluginDetails exports{
+    1,       1002000,     2003000,     "libplain_plugin.so", "PlainActivator",
+    "plain", createPlain, destroyPlain};
