@@ -358,6 +358,8 @@ std::string PluginLoader::dump() {
 
 std::string PluginLoader::error() const { return errorText; }
 
+PluginContext& PluginLoader::getContext() { return context; }
+
 void PluginLoader::setError(const std::string& what) {
   const std::string linkerMessage = stringFrom(dlerror());
   errorText = what + ": " + linkerMessage;

@@ -995,6 +995,64 @@ TEST(PluginLoaderTest, SecondPluginUsesTheFirstsServiceFromItsPoolTask) {
   EXPECT_FALSE(isMapped(pluginPath("consumer")));
 }
 
+TEST(PluginLoaderTest, GetContextIsTheContextEveryPluginGets) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  void* good = loader->load(pluginPath("good"));
+  void* provider = loader->load(pluginPath("provider"));
+  ASSERT_NE(good, nullptr);
+  ASSERT_NE(provider, nullptr);
+  for (const LifeEvent& e : events()) {
+    if (e.event == "start") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    }
+  }
+  loader->unload(provider);
+  loader->unload(good);
+  for (const LifeEvent& e : events()) {
+    if (e.event == "stop") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    }
+  }
+}
+
+TEST(PluginLoaderTest, HostLooksUpAServiceAPluginRegistered) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  PluginContext& context = loader->getContext();
+  EXPECT_EQ(context.GetService("test.counter"), nullptr);
+  void* provider = loader->load(pluginPath("provider"));
+  ASSERT_NE(provider, nullptr);
+  // The provider's pool task counts on the loader's own pool thread.
+  auto* counter = static_cast<std::atomic<long>*>(context.GetService("test.counter"));
+  ASSERT_NE(counter, nullptr);
+  const long seen = counter->load();
+  ASSERT_TRUE(waitFor([&] { return counter->load() > seen; }));
+  EXPECT_EQ(context.dumpSerivces(), std::vector<std::string>{"test.counter"});
+  loader->unload(provider);
+  EXPECT_EQ(context.GetService("test.counter"), nullptr) << "unregistered in stop";
+}
+
+TEST(PluginLoaderTest, PluginUsesAServiceTheHostRegistered) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  // The consumer looks "test.counter" up in its start and copies it into its own service from
+  // its pool task: here the host publishes that counter.
+  std::atomic<long> hostCounter{42};
+  loader->getContext().RegisterService("test.counter", &hostCounter);
+  void* consumer = loader->load(pluginPath("consumer"));
+  ASSERT_NE(consumer, nullptr);
+  auto* seen =
+      static_cast<std::atomic<long>*>(loader->getContext().GetService("test.consumer.seen"));
+  ASSERT_NE(seen, nullptr);
+  ASSERT_TRUE(waitFor([&] { return seen->load() == 42; }));
+  hostCounter.store(43);
+  ASSERT_TRUE(waitFor([&] { return seen->load() == 43; }));
+  loader->unload(consumer);
+  loader->getContext().UnregisterService("test.counter");
+  EXPECT_TRUE(loader->getContext().dumpSerivces().empty());
+}
+
 TEST(PluginLoaderTest, PluginUnloadedWhileItsTaskRunsTakesTheTaskAlong) {
   REQUIRE_POOL_THREAD();
   LoaderUnderTest loader;
@@ -1054,8 +1112,7 @@ TEST(PluginLoaderDeathTest, UnresolvedFunctionLoadsAndKillsTheProcessWhenFirstCa
     LoaderUnderTest loader;
     void* handle = loader->load(path);
     ASSERT_NE(handle, nullptr) << "lazy binding: the missing function does not stop the load";
-    PluginContext* context = static_cast<PluginContext*>(const_cast<void*>(events()[1].context));
-    auto* call = reinterpret_cast<void (*)()>(context->GetService("test.call_missing"));
+    auto* call = reinterpret_cast<void (*)()>(loader->getContext().GetService("test.call_missing"));
     ASSERT_NE(call, nullptr);
     EXPECT_EXIT(call(), testing::ExitedWithCode(127),
                 "symbol lookup error: .*unresolved\\.so: undefined symbol: "

@@ -13,6 +13,7 @@
 //   PluginLoader loader(2003000);              // the host's version, 2.3.0
 //   void* handle = loader.load("./libmy_plugin.so");
 //   std::printf("%s", loader.dump().c_str());
+//   loader.getContext().GetService("my.service");  // what the plug-in published
 //   ...
 //   loader.shutdown();                         // then destruction returns at once
 //
@@ -190,6 +191,13 @@ class KELVO_EXPORT PluginLoader {
   // std::runtime_error with it. With no pending linker message, throws std::logic_error and
   // leaves the error text as it was.
   [[noreturn]] void setError(const std::string& what);
+
+  // Addition: the loader's own context, the one every plug-in it loads gets in start() and
+  // stop(). Through it the host publishes services for plug-ins and looks up theirs, and adds
+  // tasks to the same pool thread, instead of building a second context (which would have a
+  // registry of its own and a second pool thread). It lives as long as the loader; the
+  // registry's threading rules apply (the host's control thread, not pool tasks).
+  PluginContext& getContext();
 
   // Addition: stops and joins the pool thread (no pool task runs after this), then unloads
   // every plug-in (stop, destroy, close) and drops empty entries. A plug-in whose stop or

@@ -1,14 +1,17 @@
 // A plug-in of an outside project that writes its record the plain way, with no macro and no
-// visibility attribute: kelvo_add_plugin exports "exports" all the same.
+// visibility attribute: kelvo_add_plugin exports "exports" all the same. It uses the service
+// "host.factor" that the host publishes, and publishes "plain.answer" (7 times the factor).
 #include <mosk/kelvo/plugin.h>
 
 namespace {
 
-int answer = 7;
+int answer = 0;
 
 class PlainActivator : public mosk::kelvo::PluginActivator {
  public:
   int start(mosk::kelvo::PluginContext* context) override {
+    const auto* factor = static_cast<const int*>(context->GetService("host.factor"));
+    answer = factor == nullptr ? -1 : 7 * *factor;
     context->RegisterService("plain.answer", &answer);
     return 0;
   }
