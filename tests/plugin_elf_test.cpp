@@ -16,37 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "plugin_test_support.h"
+
 namespace mosk::kelvo::elf {
 namespace {
 
-std::string pluginPath(const std::string& name) {
-  return std::string(KELVO_TEST_PLUGIN_DIR) + "/" + name + ".so";
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream bytes;
-  bytes << file.rdbuf();
-  return bytes.str();
-}
-
-// A file with the given bytes, removed again with the object.
-class ScratchFile {
- public:
-  explicit ScratchFile(const std::string& bytes) {
-    char pattern[] = "/tmp/kelvo_plugin_elf_test_XXXXXX";
-    const int fd = mkstemp(pattern);
-    EXPECT_GE(fd, 0);
-    path_ = pattern;
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
-  }
-  ~ScratchFile() { unlink(path_.c_str()); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test_support::pluginPath;
+using test_support::readFile;
+using test_support::ScratchFile;
 
 // Every symbol of a table, and how the walk ended.
 struct Walk {

@@ -8,6 +8,9 @@
 //   TEST_EMPTY_DESTROY       an empty destroy
 //   TEST_NULL_FILE_NAME      a null fileName
 //   TEST_THROWING_START      start throws std::runtime_error("start failed")
+//   TEST_CRASH_ON_OPEN       a constructor of the library prints a line and dies of SIGSEGV
+//   TEST_HANG_ON_OPEN        a constructor of the library never returns
+//   (these two are for kelvo-plugin-check, which opens libraries in a child process)
 //   TEST_UNRESOLVED          publishes as "test.call_missing" a function that calls a function
 //                            nobody defines
 //   TEST_PROVIDER            publishes "test.counter" and a pool task that increments it
@@ -15,7 +18,11 @@
 //                            into the service "test.consumer.seen"
 // Every life-cycle step is reported to the host through kelvo_test_record, which the test
 // program exports; "unmapped" comes from the library's own static destructor, at dlclose.
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdio>
 #include <stdexcept>
 
 #include "mosk/kelvo/plugin.h"
@@ -37,6 +44,17 @@ extern "C" void kelvo_test_missing_function();  // defined nowhere
 #endif
 
 namespace {
+
+#if defined(TEST_CRASH_ON_OPEN)
+__attribute__((constructor)) void crashOnOpen() {
+  std::fputs("test plug-in: crashing while it is opened\n", stderr);
+  raise(SIGSEGV);
+}
+#elif defined(TEST_HANG_ON_OPEN)
+__attribute__((constructor)) void hangOnOpen() {
+  for (;;) pause();
+}
+#endif
 
 struct UnmapReporter {
   ~UnmapReporter() { kelvo_test_record(TEST_PLUGIN_NAME, "unmapped", nullptr, nullptr); }
