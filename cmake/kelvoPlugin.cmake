@@ -5,14 +5,15 @@
 # library's symbols against the very libkelvo.so.0 the host has loaded. The module's file name
 # reaches the record through KELVO_PLUGIN_FILE_NAME.
 #
-# The record "exports" is exported however the source defines it (KELVO_PLUGIN, or a plain
-# `extern "C" mosk::kelvo::PluginDetails exports{...};`), and nothing else is: the linker
-# version script kelvoPlugin.map, which sits beside this file in the source tree and in the
-# installed package, makes every other symbol local. The sources are compiled with default
-# visibility because hidden visibility, decided by the compiler, cannot be undone at link time
-# for a record defined without an attribute; -fno-semantic-interposition gives the compiler the
-# same freedom to inline that hidden visibility would. A plug-in that must export more than
-# "exports" is built with its own add_library(MODULE) rules.
+# The record "exports" is exported however the source defines it (KELVO_PLUGIN, or a plain `extern
+# "C" mosk::kelvo::PluginDetails exports{...};`; only an explicit hidden attribute in the source
+# keeps it in), and nothing else is: the linker version script kelvoPlugin.map, which sits beside
+# this file in the source tree and in the installed package, makes every other symbol local. The
+# sources are compiled with default visibility because hidden visibility, decided by the compiler,
+# cannot be undone at link time for a record defined without an attribute;
+# -fno-semantic-interposition gives the compiler the same freedom to inline that hidden visibility
+# would. A plug-in that must export more than "exports" is built with its own add_library(MODULE)
+# rules.
 function(kelvo_add_plugin target)
   if(NOT ARGN)
     message(FATAL_ERROR "kelvo_add_plugin(${target}): no sources given")

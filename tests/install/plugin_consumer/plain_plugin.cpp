@@ -1,5 +1,6 @@
 // A plug-in of an outside project that writes its record the plain way, with no macro and no
-// visibility attribute: kelvo_add_plugin exports "exports" all the same. It uses the service
+// visibility attribute (in the one-line form without braces, about which GCC warns "initialized
+// and declared 'extern'"): kelvo_add_plugin exports "exports" all the same. It uses the service
 // "host.factor" that the host publishes, and publishes "plain.answer" (7 times the factor).
 #include <mosk/kelvo/plugin.h>
 
