@@ -181,7 +181,7 @@ void SocketClient::receiveUntilLost(char* buffer) {
   // A new connection starts a new byte stream: nothing held from the last one is kept.
   framing::ClientFrameState frames;
   while (true) {
-    int fd = getFd();
+    int fd = fd_.load(std::memory_order_relaxed);
     ssize_t n = recv(fd, buffer + frames.fill, framing::kReceiveSize, 0);
     if (n <= 0) {
       closeFd();
@@ -199,13 +199,16 @@ void SocketClient::receiveUntilLost(char* buffer) {
   }
 }
 
+// The receiving thread reads the state and descriptor fields, never the virtual getters: a
+// derived client's destructor runs before ours joins this thread, and a call through the
+// virtual table would race with it (and could reach an override whose object is gone).
 void SocketClient::receivingLoop() {
   // Heap-held, once per thread: too large for a thread stack next to the application's frames.
   std::unique_ptr<char[]> buffer(new char[framing::kClientBufferSize]);
   while (true) {
     // A connected socket is received from until it is lost, whatever the flags say: only a
     // shutdown or the peer ends it.
-    if (getState() == TcpState::Connected) {
+    if (state_.load() == TcpState::Connected) {
       receiveUntilLost(buffer.get());
       continue;
     }

@@ -75,8 +75,12 @@ void SocketClientProxy::onUpdate() {
   callback_->onUpdate();
 }
 
+// The receiving thread reads the descriptor field, never the virtual getFd(): it starts inside
+// the constructor and may outlive the derived part of the object in the destructor, so a call
+// through the virtual table would race with a derived class's constructor and destructor (and
+// could reach an override whose object is gone).
 void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
-  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
@@ -86,7 +90,7 @@ void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
 }
 
 void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended) {
-  int fd = getFd();
+  int fd = fd_.load(std::memory_order_relaxed);
   ssize_t n = recv(fd, buffer + fill, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
@@ -100,7 +104,7 @@ void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fi
 
 void SocketClientProxy::receiveLines(char* buffer, std::string& accumulator, bool& ended) {
   accumulator.clear();
-  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;

@@ -36,6 +36,11 @@
 // not call connect or stop); the other
 // events on the receiving thread without it; onUpdate on the caller of update(). send may be
 // called from any thread, including the callbacks.
+//
+// Deriving from SocketClient: the receiving thread calls the callback only, never a virtual
+// function of the client, so overrides (getState, getFd, ...) run on the application's threads
+// and a derived client may be destroyed while connected: its destructor runs before the base
+// destructor's stop(true) ends the receiving thread, without a race.
 #ifndef MOSK_KELVO_SOCKET_CLIENT_H_
 #define MOSK_KELVO_SOCKET_CLIENT_H_
 

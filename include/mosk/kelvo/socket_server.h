@@ -46,6 +46,11 @@
 // onDisconnected, onStopped and onUpdate run under the connection's recursive state lock, so
 // they may call getState or send on the same connection; onConnected and onReceived run
 // without it. The flags, states and the list are safe to read from any thread.
+//
+// Deriving from SocketClientProxy or SocketServer: the receiving and accepting threads call the
+// callbacks only, never a virtual function of the connection itself, so overrides run on the
+// application's threads, and a derived connection's constructor and destructor never race
+// with its receiving thread (which starts inside SocketClientProxy's constructor).
 #ifndef MOSK_KELVO_SOCKET_SERVER_H_
 #define MOSK_KELVO_SOCKET_SERVER_H_
 
