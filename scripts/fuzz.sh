@@ -15,7 +15,7 @@ cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 scratch=$(mktemp -d /tmp/kelvo_fuzz_XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
-for target in server_length_prefixed server_lines client_framing; do
+for target in server_length_prefixed server_lines client_framing plugin_elf; do
   mkdir -p "$scratch/$target"
   limit=""
   [ "$seconds" -gt 0 ] && limit="-max_total_time=$seconds"

@@ -2,11 +2,7 @@
 #include "mosk/kelvo/plugin.h"
 
 #include <dlfcn.h>
-#include <elf.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -20,6 +16,8 @@
 
 #include "mosk/kelvo/perf.h"
 #include "mosk/kelvo/thread.h"
+#include "plugin_elf.h"
+#include "plugin_record.h"
 
 namespace mosk {
 namespace kelvo {
@@ -248,52 +246,6 @@ std::shared_ptr<PeriodicThread> PluginContext::getPoolThread() const {
 // PluginLoader
 // ---------------------------------------------------------------------------------------------
 
-namespace {
-
-int majorOf(int version) { return version / 1000000; }
-int minorOf(int version) { return (version / 1000) % 1000; }
-
-bool fitsMaster(int master, int target) {
-  return minorOf(master) >= minorOf(target) && majorOf(master) == majorOf(target);
-}
-
-bool readAt(int fd, void* buffer, size_t size, uint64_t offset) {
-  return pread(fd, buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
-}
-
-// Whether `path` is a 64-bit ELF file whose program headers or loadable segments reach past
-// its end. The dynamic linker maps such segments and then touches the missing pages, which
-// kills the process with SIGBUS instead of failing the open; files it rejects by itself (not
-// ELF, too short for a header, another class) and names without a slash (searched for by the
-// linker) are left to it.
-bool isTruncatedElf(const std::string& path) {
-  if (path.find('/') == std::string::npos) return false;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool truncated = false;
-  struct stat status;
-  Elf64_Ehdr header;
-  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-      readAt(fd, &header, sizeof(header), 0) && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
-      header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_phentsize == sizeof(Elf64_Phdr)) {
-    const uint64_t size = static_cast<uint64_t>(status.st_size);
-    const uint64_t tableEnd = header.e_phoff + uint64_t{header.e_phnum} * sizeof(Elf64_Phdr);
-    truncated = tableEnd > size;
-    for (unsigned i = 0; !truncated && i < header.e_phnum; ++i) {
-      Elf64_Phdr segment;
-      if (!readAt(fd, &segment, sizeof(segment), header.e_phoff + i * sizeof(Elf64_Phdr))) {
-        truncated = true;
-      } else if (segment.p_type == PT_LOAD || segment.p_type == PT_DYNAMIC) {
-        truncated = segment.p_offset > size || segment.p_filesz > size - segment.p_offset;
-      }
-    }
-  }
-  close(fd);
-  return truncated;
-}
-
-}  // namespace
-
 PluginLoader::PluginLoader(const int& masterVersion) : masterVersion(masterVersion) {}
 
 PluginLoader::~PluginLoader() {
@@ -302,25 +254,26 @@ PluginLoader::~PluginLoader() {
 }
 
 void* PluginLoader::load(const std::string& path) {
-  if (isTruncatedElf(path)) {
-    // Refused before the linker sees it, in the linker's own words for a short file.
-    errorText = "Cannot load library: " + path + ": file too short";
+  // A 64-bit ELF file whose segments reach past its end would be mapped by the dynamic linker,
+  // which then dies of SIGBUS touching the missing pages: such a file is refused before the
+  // linker sees it, in the linker's own words for a short file.
+  if (elf::isTruncatedElf(path)) {
+    errorText = plugin_record::truncatedFileError(path);
     throw std::runtime_error(errorText);
   }
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
-  if (handle == nullptr) setError("Cannot load library");
+  if (handle == nullptr) setError(plugin_record::kCannotLoadLibrary);
   // Early returns below leave the library open on purpose: only libraries whose plug-in was
   // started are closed by the loader.
   auto* details = static_cast<PluginDetails*>(dlsym(handle, "exports"));
   if (details == nullptr) return nullptr;
-  if (details->apiVersion != 1) {
-    std::printf("Api version %d is invalid!\n", details->apiVersion);
+  if (details->apiVersion != plugin_record::kApiVersion) {
+    std::printf(plugin_record::kApiVersionInvalid, details->apiVersion);
     return nullptr;
   }
-  if (!fitsMaster(masterVersion, details->targetMasterVersion)) {
-    std::printf("Master version %s does not match %s with version %s!\n",
-                versionIntToString(masterVersion).c_str(), details->pluginName,
-                versionIntToString(details->targetMasterVersion).c_str());
+  if (!plugin_record::fitsMaster(masterVersion, details->targetMasterVersion)) {
+    std::printf(plugin_record::kMasterMismatch, versionIntToString(masterVersion).c_str(),
+                details->pluginName, versionIntToString(details->targetMasterVersion).c_str());
     return nullptr;
   }
   PluginActivator* activator = details->create();
@@ -357,6 +310,8 @@ std::string PluginLoader::dump() {
 }
 
 std::string PluginLoader::error() const { return errorText; }
+
+PluginContext& PluginLoader::getContext() { return context; }
 
 void PluginLoader::setError(const std::string& what) {
   const std::string linkerMessage = stringFrom(dlerror());

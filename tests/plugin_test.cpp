@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "mosk/kelvo/thread.h"
+#include "plugin_test_support.h"
 
 // ---------------------------------------------------------------------------------------------
 // The hook the test plug-ins report their life cycle through
@@ -81,28 +82,14 @@ namespace mosk::kelvo {
 namespace {
 
 using namespace std::chrono_literals;
+using test_support::closeCompletely;
+using test_support::isMapped;
+using test_support::openHandleOf;
+using test_support::pluginPath;
+using test_support::readFile;
+using test_support::ScratchFile;
 
 constexpr int kMaster = 2003000;
-
-std::string pluginPath(const std::string& name) {
-  return std::string(KELVO_TEST_PLUGIN_DIR) + "/" + name + ".so";
-}
-
-// Whether this process may run SCHED_FIFO threads at the pool's priority (root, CAP_SYS_NICE
-// or RLIMIT_RTPRIO), tried on a throw-away thread.
-bool mayUseSchedFifo() {
-  static const bool allowed = [] {
-    bool granted = false;
-    std::thread([&granted] { granted = setPriority(80) == 0; }).join();
-    return granted;
-  }();
-  return allowed;
-}
-
-#define REQUIRE_POOL_THREAD()                                                                \
-  if (!mayUseSchedFifo())                                                                    \
-  GTEST_SKIP() << "this process may not create the pool's SCHED_FIFO thread at priority 80 " \
-                  "(run as root, or grant CAP_SYS_NICE / RLIMIT_RTPRIO)"
 
 template <typename Condition>
 bool waitFor(Condition condition, std::chrono::milliseconds timeout = 30s) {
@@ -114,18 +101,6 @@ bool waitFor(Condition condition, std::chrono::milliseconds timeout = 30s) {
   return true;
 }
 
-// Whether a file is mapped into this process.
-bool isMapped(const std::string& path) {
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    if (line.size() >= path.size() &&
-        line.compare(line.size() - path.size(), path.size(), path) == 0)
-      return true;
-  }
-  return false;
-}
-
 size_t openDescriptorCount() {
   size_t count = 0;
   if (DIR* directory = opendir("/proc/self/fd")) {
@@ -133,20 +108,6 @@ size_t openDescriptorCount() {
     closedir(directory);
   }
   return count;
-}
-
-// The handle of a library that is already open, without opening it again (null if it is not
-// open).
-void* openHandleOf(const std::string& path) {
-  void* handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
-  if (handle != nullptr) dlclose(handle);  // NOLOAD counted one more reference
-  return handle;
-}
-
-// Closes a library that a test left open on purpose, for as many references as it holds.
-void closeCompletely(const std::string& path) {
-  void* handle;
-  while ((handle = openHandleOf(path)) != nullptr) dlclose(handle);
 }
 
 // The linker's message for opening `path`, found the same way the loader finds it.
@@ -163,17 +124,8 @@ PluginDetails* recordOf(const std::string& path) {
 }
 
 // A loader whose pool thread is always shut down, so that its destruction returns.
-struct LoaderUnderTest {
-  LoaderUnderTest() { clearEvents(); }
-  ~LoaderUnderTest() {
-    try {
-      loader.shutdown();
-    } catch (const std::exception&) {
-      // a test that wanted the failure has checked it already
-    }
-  }
-  PluginLoader* operator->() { return &loader; }
-  PluginLoader loader{kMaster};
+struct LoaderUnderTest : test_support::ShutDownLoader {
+  LoaderUnderTest() : ShutDownLoader(kMaster) { clearEvents(); }
 };
 
 struct ContextUnderTest {
@@ -181,31 +133,6 @@ struct ContextUnderTest {
   PluginContext* operator->() { return &context; }
   PluginContext context;
 };
-
-// A file with the given bytes, removed again with the object.
-class ScratchFile {
- public:
-  explicit ScratchFile(const std::string& bytes) {
-    char pattern[] = "/tmp/kelvo_plugin_test_XXXXXX";
-    const int fd = mkstemp(pattern);
-    EXPECT_GE(fd, 0);
-    path_ = pattern;
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
-  }
-  ~ScratchFile() { unlink(path_.c_str()); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream bytes;
-  bytes << file.rdbuf();
-  return bytes.str();
-}
 
 // ---------------------------------------------------------------------------------------------
 // Death-test helper: destruction that must (or must not) hang
@@ -689,6 +616,38 @@ TEST(PluginLoaderTest, LibraryWithoutExportsGivesNullSilentlyAndStaysOpen) {
   EXPECT_FALSE(isMapped(path));
 }
 
+// A plug-in that defines its record the plain way, `extern "C" PluginDetails exports{...};`,
+// with no visibility attribute: kelvo_add_plugin exports it all the same.
+TEST(PluginLoaderTest, PlainRecordBuiltWithKelvoAddPluginLoads) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  void* handle = loader->load(pluginPath("plain"));
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(eventTrail(), "plain:create plain:start");
+  EXPECT_EQ(loader->dump(),
+            "fileName: test_plugin_plain.so, className: TestActivator, pluginName: plain, "
+            "pluginVersion: 1.2.3 \nservices: 0 \n \n");
+  loader->unload(handle);
+  EXPECT_FALSE(isMapped(pluginPath("plain")));
+}
+
+// The same record in a module compiled with hidden visibility is hidden: to the loader that is
+// a library without "exports" (kelvo-plugin-check says why).
+TEST(PluginLoaderTest, PlainRecordHiddenByTheBuildGivesNullSilently) {
+  REQUIRE_POOL_THREAD();
+  const std::string path = pluginPath("hidden_exports");
+  {
+    LoaderUnderTest loader;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(loader->load(path), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(loader->error(), "");
+    EXPECT_EQ(eventTrail(), "");
+  }
+  closeCompletely(path);
+  EXPECT_FALSE(isMapped(path));
+}
+
 TEST(PluginLoaderTest, ApiVersionTwoIsRejectedWithItsMessage) {
   REQUIRE_POOL_THREAD();
   const std::string path = pluginPath("api2");
@@ -963,6 +922,64 @@ TEST(PluginLoaderTest, SecondPluginUsesTheFirstsServiceFromItsPoolTask) {
   EXPECT_FALSE(isMapped(pluginPath("consumer")));
 }
 
+TEST(PluginLoaderTest, GetContextIsTheContextEveryPluginGets) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  void* good = loader->load(pluginPath("good"));
+  void* provider = loader->load(pluginPath("provider"));
+  ASSERT_NE(good, nullptr);
+  ASSERT_NE(provider, nullptr);
+  for (const LifeEvent& e : events()) {
+    if (e.event == "start") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    }
+  }
+  loader->unload(provider);
+  loader->unload(good);
+  for (const LifeEvent& e : events()) {
+    if (e.event == "stop") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    }
+  }
+}
+
+TEST(PluginLoaderTest, HostLooksUpAServiceAPluginRegistered) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  PluginContext& context = loader->getContext();
+  EXPECT_EQ(context.GetService("test.counter"), nullptr);
+  void* provider = loader->load(pluginPath("provider"));
+  ASSERT_NE(provider, nullptr);
+  // The provider's pool task counts on the loader's own pool thread.
+  auto* counter = static_cast<std::atomic<long>*>(context.GetService("test.counter"));
+  ASSERT_NE(counter, nullptr);
+  const long seen = counter->load();
+  ASSERT_TRUE(waitFor([&] { return counter->load() > seen; }));
+  EXPECT_EQ(context.dumpSerivces(), std::vector<std::string>{"test.counter"});
+  loader->unload(provider);
+  EXPECT_EQ(context.GetService("test.counter"), nullptr) << "unregistered in stop";
+}
+
+TEST(PluginLoaderTest, PluginUsesAServiceTheHostRegistered) {
+  REQUIRE_POOL_THREAD();
+  LoaderUnderTest loader;
+  // The consumer looks "test.counter" up in its start and copies it into its own service from
+  // its pool task: here the host publishes that counter.
+  std::atomic<long> hostCounter{42};
+  loader->getContext().RegisterService("test.counter", &hostCounter);
+  void* consumer = loader->load(pluginPath("consumer"));
+  ASSERT_NE(consumer, nullptr);
+  auto* seen =
+      static_cast<std::atomic<long>*>(loader->getContext().GetService("test.consumer.seen"));
+  ASSERT_NE(seen, nullptr);
+  ASSERT_TRUE(waitFor([&] { return seen->load() == 42; }));
+  hostCounter.store(43);
+  ASSERT_TRUE(waitFor([&] { return seen->load() == 43; }));
+  loader->unload(consumer);
+  loader->getContext().UnregisterService("test.counter");
+  EXPECT_TRUE(loader->getContext().dumpSerivces().empty());
+}
+
 TEST(PluginLoaderTest, PluginUnloadedWhileItsTaskRunsTakesTheTaskAlong) {
   REQUIRE_POOL_THREAD();
   LoaderUnderTest loader;
@@ -1022,7 +1039,7 @@ TEST(PluginLoaderDeathTest, UnresolvedFunctionLoadsAndKillsTheProcessWhenFirstCa
     LoaderUnderTest loader;
     void* handle = loader->load(path);
     ASSERT_NE(handle, nullptr) << "lazy binding: the missing function does not stop the load";
-    auto* call = reinterpret_cast<void (*)()>(dlsym(handle, "kelvo_test_call_missing"));
+    auto* call = reinterpret_cast<void (*)()>(loader->getContext().GetService("test.call_missing"));
     ASSERT_NE(call, nullptr);
     EXPECT_EXIT(call(), testing::ExitedWithCode(127),
                 "symbol lookup error: .*unresolved\\.so: undefined symbol: "

@@ -17,16 +17,21 @@ endforeach()
 check_consumer("${prefix}" "${prefix}/lib")
 check_deriving_consumer("${prefix}" "${prefix}/lib/libkelvo.so.0")
 
-# A plug-in built by an outside project with kelvo_add_plugin() and KELVO_PLUGIN, against the
-# installed headers alone, loads into a host built against the installed library.
-run(${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/install/plugin_consumer"
-    -B "${WORK_DIR}/plugin_consumer" -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${prefix}")
-run(${CMAKE_COMMAND} --build "${WORK_DIR}/plugin_consumer")
-run("${WORK_DIR}/plugin_consumer/plugin_host" "${WORK_DIR}/plugin_consumer/libhello_plugin.so")
-execute_process(COMMAND nm -D --defined-only "${WORK_DIR}/plugin_consumer/libhello_plugin.so"
-                OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
-string(REGEX REPLACE "[0-9a-f]+ [A-Za-z] " "" symbols "${symbols}")
-string(STRIP "${symbols}" symbols)
-if(NOT rc EQUAL 0 OR NOT symbols STREQUAL "exports")
-  message(FATAL_ERROR "the plug-in should export \"exports\" only, exports:\n${symbols}")
-endif()
+# Plug-ins built by an outside project with kelvo_add_plugin(), against the installed headers
+# alone, load into a host built against the installed library: one writes its record with
+# KELVO_PLUGIN, the other the plain way (extern "C" PluginDetails exports{...}). Each exports
+# "exports" and nothing else.
+set(consumer "${WORK_DIR}/plugin_consumer")
+run(${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/install/plugin_consumer" -B "${consumer}"
+    -G "${GENERATOR}" "-DCMAKE_PREFIX_PATH=${prefix}")
+run(${CMAKE_COMMAND} --build "${consumer}")
+run("${consumer}/plugin_host" "${consumer}/libhello_plugin.so" "${consumer}/libplain_plugin.so")
+foreach(plugin hello_plugin plain_plugin)
+  execute_process(COMMAND nm -D --defined-only "${consumer}/lib${plugin}.so"
+                  OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+  string(REGEX REPLACE "[0-9a-f]+ [A-Za-z] " "" symbols "${symbols}")
+  string(STRIP "${symbols}" symbols)
+  if(NOT rc EQUAL 0 OR NOT symbols STREQUAL "exports")
+    message(FATAL_ERROR "lib${plugin}.so should export \"exports\" only, exports:\n${symbols}")
+  endif()
+endforeach()

@@ -3,17 +3,26 @@
 //   TEST_API_VERSION         apiVersion of the record (default 1)
 //   TEST_TARGET_MASTER       targetMasterVersion (default 2003000)
 //   TEST_NO_EXPORTS          no "exports" record at all
+//   TEST_PLAIN_EXPORTS       the record defined the plain way, without a visibility attribute
 //   TEST_EMPTY_CREATE        an empty create
 //   TEST_EMPTY_DESTROY       an empty destroy
 //   TEST_NULL_FILE_NAME      a null fileName
 //   TEST_THROWING_START      start throws std::runtime_error("start failed")
-//   TEST_UNRESOLVED          exports a function that calls a function nobody defines
+//   TEST_CRASH_ON_OPEN       a constructor of the library prints a line and dies of SIGSEGV
+//   TEST_HANG_ON_OPEN        a constructor of the library never returns
+//   (these two are for kelvo-plugin-check, which opens libraries in a child process)
+//   TEST_UNRESOLVED          publishes as "test.call_missing" a function that calls a function
+//                            nobody defines
 //   TEST_PROVIDER            publishes "test.counter" and a pool task that increments it
 //   TEST_CONSUMER            looks "test.counter" up in start and copies it from a pool task
 //                            into the service "test.consumer.seen"
 // Every life-cycle step is reported to the host through kelvo_test_record, which the test
 // program exports; "unmapped" comes from the library's own static destructor, at dlclose.
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdio>
 #include <stdexcept>
 
 #include "mosk/kelvo/plugin.h"
@@ -30,8 +39,22 @@ using mosk::kelvo::PluginContext;
 
 extern "C" void kelvo_test_record(const char* plugin, const char* event, const void* activator,
                                   const void* context);
+#ifdef TEST_UNRESOLVED
+extern "C" void kelvo_test_missing_function();  // defined nowhere
+#endif
 
 namespace {
+
+#if defined(TEST_CRASH_ON_OPEN)
+__attribute__((constructor)) void crashOnOpen() {
+  std::fputs("test plug-in: crashing while it is opened\n", stderr);
+  raise(SIGSEGV);
+}
+#elif defined(TEST_HANG_ON_OPEN)
+__attribute__((constructor)) void hangOnOpen() {
+  for (;;) pause();
+}
+#endif
 
 struct UnmapReporter {
   ~UnmapReporter() { kelvo_test_record(TEST_PLUGIN_NAME, "unmapped", nullptr, nullptr); }
@@ -43,6 +66,9 @@ std::atomic<long> counter{0};
 #ifdef TEST_CONSUMER
 std::atomic<long> seen{-1};
 std::atomic<long>* providedCounter = nullptr;
+#endif
+#ifdef TEST_UNRESOLVED
+void callMissing() { kelvo_test_missing_function(); }
 #endif
 
 class TestActivator : public PluginActivator {
@@ -66,6 +92,9 @@ class TestActivator : public PluginActivator {
       if (providedCounter != nullptr) seen.store(providedCounter->load());
     });
 #endif
+#ifdef TEST_UNRESOLVED
+    context->RegisterService("test.call_missing", reinterpret_cast<void*>(&callMissing));
+#endif
     return 0;
   }
 
@@ -78,6 +107,9 @@ class TestActivator : public PluginActivator {
 #ifdef TEST_CONSUMER
     context->removeThreadTask("consumer.copy");
     context->UnregisterService("test.consumer.seen");
+#endif
+#ifdef TEST_UNRESOLVED
+    context->UnregisterService("test.call_missing");
 #endif
     return 0;
   }
@@ -106,17 +138,20 @@ const char* const fileName = "test_plugin_" TEST_PLUGIN_NAME ".so";
 
 }  // namespace
 
-#ifndef TEST_NO_EXPORTS
-extern "C" {
-__attribute__((visibility("default"))) mosk::kelvo::PluginDetails exports{
-    TEST_API_VERSION, 1002003,          TEST_TARGET_MASTER, fileName,
-    "TestActivator",  TEST_PLUGIN_NAME, createActivator,    destroyActivator};
-}
-#endif
+#define TEST_RECORD                                                                             \
+  {                                                                                             \
+    TEST_API_VERSION, 1002003, TEST_TARGET_MASTER, fileName, "TestActivator", TEST_PLUGIN_NAME, \
+        createActivator, destroyActivator                                                       \
+  }
 
-#ifdef TEST_UNRESOLVED
-extern "C" void kelvo_test_missing_function();
-extern "C" __attribute__((visibility("default"))) void kelvo_test_call_missing() {
-  kelvo_test_missing_function();
+#if defined(TEST_PLAIN_EXPORTS)
+// Written the plain way: whether the dynamic linker sees it depends on how the plug-in is built.
+// (In braces: GCC warns about an initialised `extern "C" T name{...};` without them.)
+extern "C" {
+mosk::kelvo::PluginDetails exports TEST_RECORD;
+}
+#elif !defined(TEST_NO_EXPORTS)
+extern "C" {
+__attribute__((visibility("default"))) mosk::kelvo::PluginDetails exports TEST_RECORD;
 }
 #endif

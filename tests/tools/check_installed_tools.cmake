@@ -38,4 +38,16 @@ if("kelvo-check" IN_LIST TOOLS)
     message(FATAL_ERROR "installed kelvo-check failed (${rc}):\n${out}")
   endif()
 endif()
+# kelvo-plugin-check looks a name without a slash up as dlopen does, in the library path and not
+# in the current directory, and says so when the file sits there.
+if("kelvo-plugin-check" IN_LIST TOOLS)
+  file(MAKE_DIRECTORY "${WORK_DIR}/cwd")
+  file(COPY_FILE "${prefix}/lib/libkelvo.so.0" "${WORK_DIR}/cwd/libkelvo_cwd_check.so")
+  execute_process(COMMAND "${prefix}/bin/kelvo-plugin-check" libkelvo_cwd_check.so
+                  WORKING_DIRECTORY "${WORK_DIR}/cwd" RESULT_VARIABLE rc OUTPUT_VARIABLE out
+                  ERROR_VARIABLE out TIMEOUT 60)
+  if(NOT rc EQUAL 1 OR NOT out MATCHES "not in the current directory: give \\./libkelvo_cwd_check\\.so\n$")
+    message(FATAL_ERROR "installed kelvo-plugin-check (${rc}):\n${out}")
+  endif()
+endif()
 file(REMOVE_RECURSE "${WORK_DIR}")

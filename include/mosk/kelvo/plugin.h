@@ -2,17 +2,22 @@
 // which they meet the host and each other.
 //
 // A plug-in library defines one PluginDetails record under the exported, unmangled symbol
-// "exports" (the KELVO_PLUGIN macro at the end of this header writes it in one line). PluginLoader
-// opens the library (dlopen, lazy binding, local scope), checks the record's API version and the
-// master version it was built for, creates the plug-in's PluginActivator and starts it with the
-// loader's PluginContext. Through the context a plug-in publishes and looks up services by
-// name and adds tasks to one shared pool thread, a PeriodicThread with a 5 ms period
-// ("ThreadInPoolWithPeriodOf5ms", SCHED_FIFO priority 80, not pinned) that the context starts
-// when it is built.
+// "exports": the KELVO_PLUGIN macro at the end of this header writes it in one line, and a plain
+// `extern "C" { PluginDetails exports{...}; }` works as well in a plug-in built with the CMake
+// function kelvo_add_plugin, which exports the record unless the source itself marks it hidden. A
+// library without an exported "exports" is refused silently (load returns null and prints nothing):
+// the tool kelvo-plugin-check FILE says why a file would not load. PluginLoader opens the library
+// (dlopen, lazy binding, local scope), checks the record's API version and the master version it
+// was built for, creates the plug-in's PluginActivator and starts it with the loader's
+// PluginContext. Through the context a plug-in publishes and looks up services by name and adds
+// tasks to one shared pool thread, a PeriodicThread with a 5 ms period
+// ("ThreadInPoolWithPeriodOf5ms", SCHED_FIFO priority 80, not pinned) that the context starts when
+// it is built.
 //
 //   PluginLoader loader(2003000);              // the host's version, 2.3.0
 //   void* handle = loader.load("./libmy_plugin.so");
 //   std::printf("%s", loader.dump().c_str());
+//   loader.getContext().GetService("my.service");  // what the plug-in published
 //   ...
 //   loader.shutdown();                         // then destruction returns at once
 //
@@ -163,7 +168,8 @@ class KELVO_EXPORT PluginLoader {
   PluginLoader(const PluginLoader&) = delete;
   PluginLoader& operator=(const PluginLoader&) = delete;
 
-  // Opens `path` and starts its plug-in. Returns the dlopen handle, or null when the library
+  // Opens `path` and starts its plug-in (kelvo-plugin-check says beforehand what this will do
+  // with a file, and why). Returns the dlopen handle, or null when the library
   // has no "exports" record, an API version other than 1 ("Api version %d is invalid!\n" on
   // standard output) or a master version that does not fit ("Master version %s does not match
   // %s with version %s!\n"); in those three cases the library stays open. A library that
@@ -190,6 +196,13 @@ class KELVO_EXPORT PluginLoader {
   // std::runtime_error with it. With no pending linker message, throws std::logic_error and
   // leaves the error text as it was.
   [[noreturn]] void setError(const std::string& what);
+
+  // Addition: the loader's own context, the one every plug-in it loads gets in start() and
+  // stop(). Through it the host publishes services for plug-ins and looks up theirs, and adds
+  // tasks to the same pool thread, instead of building a second context (which would have a
+  // registry of its own and a second pool thread). It lives as long as the loader; the
+  // registry's threading rules apply (the host's control thread, not pool tasks).
+  PluginContext& getContext();
 
   // Addition: stops and joins the pool thread (no pool task runs after this), then unloads
   // every plug-in (stop, destroy, close) and drops empty entries. A plug-in whose stop or
