@@ -41,15 +41,6 @@ void startHelper(Child& child, const std::string& role, const std::string& topic
   ASSERT_EQ(child.readLine(), "connected");
 }
 
-// The state letter of /proc/<pid>/stat ('?' when there is no such process).
-char processStateOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string all;
-  std::getline(stat, all);
-  const size_t close = all.rfind(')');
-  return close == std::string::npos || close + 2 >= all.size() ? '?' : all[close + 2];
-}
-
 bool becomesZombie(pid_t pid) {
   const auto deadline = std::chrono::steady_clock::now() + 30s;
   while (std::chrono::steady_clock::now() < deadline) {

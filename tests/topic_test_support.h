@@ -22,6 +22,21 @@ namespace topictest {
 // A name unique to this process and test, as the shm tests make them.
 inline std::string uniqueTopic(const std::string& name) { return shmtest::uniqueTopic(name); }
 
+// The state letter of /proc/<pid>/stat ('?' when there is no such process).
+inline char processStateOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string all;
+  std::getline(stat, all);
+  const size_t close = all.rfind(')');
+  return close == std::string::npos || close + 2 >= all.size() ? '?' : all[close + 2];
+}
+
+// True once a child has ended (a zombie not yet reaped, or gone).
+inline bool processEnded(pid_t pid) {
+  const char state = processStateOf(pid);
+  return state == 'Z' || state == '?';
+}
+
 // Attachments of System V segments in this process.
 inline size_t attachedSegmentCount() { return shmtest::attachedSegments().size(); }
 
