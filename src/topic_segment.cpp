@@ -236,6 +236,10 @@ bool creatorGone(pid_t pid, time_t createdAt) {
   return startedAt > static_cast<int64_t>(createdAt) + 1;
 }
 
+uint64_t loadMagic(const TopicHeader* header, size_t segmentBytes) {
+  return segmentBytes >= sizeof(uint64_t) ? header->magic.load(std::memory_order_acquire) : 0;
+}
+
 }  // namespace
 
 // --- processes -----------------------------------------------------------------------------
@@ -394,8 +398,14 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
       *why = quoted(topic) + ": cannot attach its segment: " + systemError(errno);
       return result;
     }
-    const uint64_t magic =
-        segmentBytes >= sizeof(uint64_t) ? header->magic.load(std::memory_order_acquire) : 0;
+    uint64_t magic = loadMagic(header, segmentBytes);
+    // Not initialised yet: its creator is at work, or died at work. The magic is read again
+    // once the creator is known to be gone: it may have finished just before it went.
+    bool stale = false;
+    if (magic == 0 && creatorGone(status.shm_cpid, status.shm_ctime)) {
+      magic = loadMagic(header, segmentBytes);
+      stale = magic == 0;
+    }
     if (magic == kTypedMagic) {
       *why = mismatch(header, segmentBytes, topic, type, depth);
       if (!why->empty()) {
@@ -417,8 +427,7 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
       *why = quoted(topic) + " holds a segment of an unknown kind (first word " + first + ")";
       return result;
     }
-    // Not initialised yet: its creator is at work, or died at work.
-    if (creatorGone(status.shm_cpid, status.shm_ctime)) {
+    if (stale) {
       shmctl(id, IPC_RMID, nullptr);  // by id: never a newer segment under the same key
       continue;
     }

@@ -247,7 +247,9 @@ TEST_F(TopicProcessTest, RacingCreatorsAllConnectToOneSegment) {
     EXPECT_EQ(segmentsWithKey(shmtest::existingKey(name)), 1u);
     Subscriber<Pattern> subscriber(name);
     Sample<Pattern> out;
-    ASSERT_TRUE(subscriber.latest(out)) << name;
+    ASSERT_TRUE(subscriber.latest(out))
+        << name << " sequence " << subscriber.sequence() << " alive " << subscriber.publisherAlive()
+        << " pid " << subscriber.publisherPid() << " publisher " << children[0]->pid();
     EXPECT_EQ(sequenceOf(out.value), 1u);
     for (auto& child : children) {
       child->closeInput();
