@@ -1,7 +1,7 @@
 // kelvo-tcp-bench: the library's TCP server and client against plain blocking sockets doing
 // the same work with the same socket options, side by side in one run.
 //
-//   kelvo-tcp-bench [--rounds 5] [--round-trips 20000] [--frames 100000]
+//   kelvo-tcp-bench [--rounds 5] [--round-trips 20000] [--frames 100000] [--locked 20]
 //
 // 1. Round trip of a 64-byte LengthPrefixed frame (60-byte payload + header): the library
 //    client sends the next frame from its own onReceived, the library server echoes from its
@@ -10,10 +10,20 @@
 // 2. One-way throughput of 1 KiB frames: the library client's send to a server connection with
 //    the Raw policy; against a plain socket pair (1 KiB writes, 4 KiB reads).
 // 3. Accept-to-onConnected latency, and the memory and threads each server connection costs.
+// 4. Under mlockall(MCL_CURRENT | MCL_FUTURE), in forked children measured before anything
+//    else ran (so that no heap arena exists yet): the locked (VmLck) and resident (VmRSS)
+//    memory each server connection adds, with the default 256 KiB stack and with the
+//    platform's stack (setThreadStackSize(0), what every connection had before the bound), with
+//    callbacks that allocate on the receiving thread (glibc's per-thread arenas) and with
+//    those under mallopt(M_ARENA_MAX, 1); and the deepest stack a connection thread used.
 // Rounds alternate library and plain runs; each figure is the median of the rounds.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <malloc.h>
 #include <mosk/kelvo.h>
 #include <netinet/tcp.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -325,16 +335,207 @@ void connectionCosts() {
   delete server;
 }
 
+// ---- under mlockall ---------------------------------------------------------------------------
+
+// The mapping of /proc/self/maps that holds `address`, read with a buffer on the stack: the
+// probe below must not allocate on the thread it measures (pthread_getattr_np would, and give
+// the thread a heap arena).
+bool mappingHolding(uintptr_t address, uintptr_t& start, uintptr_t& end) {
+  int fd = open("/proc/self/maps", O_RDONLY);
+  if (fd < 0) return false;
+  char buffer[4096];
+  size_t kept = 0;
+  bool found = false;
+  while (!found) {
+    ssize_t n = read(fd, buffer + kept, sizeof(buffer) - 1 - kept);
+    if (n <= 0) break;
+    kept += static_cast<size_t>(n);
+    buffer[kept] = '\0';
+    char* line = buffer;
+    char* newline = nullptr;
+    while (!found && (newline = std::strchr(line, '\n')) != nullptr) {
+      unsigned long low = 0, high = 0;
+      if (std::sscanf(line, "%lx-%lx", &low, &high) == 2 && address >= low && address < high) {
+        start = low;
+        end = high;
+        found = true;
+      }
+      line = newline + 1;
+    }
+    kept = static_cast<size_t>(buffer + kept - line);
+    std::memmove(buffer, line, kept);
+  }
+  close(fd);
+  return found;
+}
+
+// What one connection thread does to its stack: onConnected paints everything below its own
+// frame, the last event finds how deep the thread went since then. Everything the thread runs
+// after onConnected (the receive loop, the framing, onReceived, send) lies above the paint
+// mark or is measured by it.
+class StackDepth {
+ public:
+  void paint() {
+    auto* frame = static_cast<unsigned char*>(__builtin_frame_address(0));
+    uintptr_t start = 0, end = 0;
+    if (!mappingHolding(reinterpret_cast<uintptr_t>(frame), start, end)) return;
+    low_ = reinterpret_cast<unsigned char*>(start);
+    size_ = end - start;
+    std::memset(low_, kPaint, static_cast<size_t>(frame - 512 - low_));
+  }
+  // Bytes from the stack's top (its TLS included) to the deepest byte written.
+  size_t deepest() const {
+    if (low_ == nullptr) return 0;
+    size_t untouched = 0;
+    while (untouched < size_ && low_[untouched] == kPaint) ++untouched;
+    return size_ - untouched;
+  }
+
+ private:
+  static constexpr unsigned char kPaint = 0xA5;
+  unsigned char* low_ = nullptr;
+  size_t size_ = 0;
+};
+
+struct LockedRun {
+  std::atomic<int> connected{0};
+  std::atomic<int> echoed{0};
+  std::atomic<size_t> deepest{0};
+  bool allocating = false;
+};
+
+// The README's echo; `allocating` answers like the diagnostic port does, with strings built on
+// the receiving thread.
+class LockedEcho : public TcpCallback {
+ public:
+  explicit LockedEcho(LockedRun* run, ITcpSocket* socket = nullptr) : run_(run), socket_(socket) {}
+  TcpCallback* newInstance(ITcpSocket* socket) override { return new LockedEcho(run_, socket); }
+  void onConnected() override {
+    depth_.paint();
+    run_->connected.fetch_add(1);
+  }
+  void onReceived(const char* data, const int& length) override {
+    if (run_->allocating) {
+      std::string command(data + 4, static_cast<size_t>(length - 4));
+      std::string reply = "cycles " + std::to_string(run_->echoed.load()) + " command " + command;
+      reply.resize(static_cast<size_t>(length));
+      socket_->send(reply.data(), length);
+    } else {
+      socket_->send(data, length);
+    }
+    run_->echoed.fetch_add(1);
+  }
+  void onDisconnected() override { recordDepth(); }
+  void onStopped() override { recordDepth(); }
+  void onUpdate() override {}
+
+ private:
+  void recordDepth() {
+    size_t depth = depth_.deepest();
+    size_t seen = run_->deepest.load();
+    while (depth > seen && !run_->deepest.compare_exchange_weak(seen, depth)) {
+    }
+  }
+  LockedRun* run_;
+  ITcpSocket* socket_;
+  StackDepth depth_;
+};
+
+// A connected peer that has had one echo (its connection's thread went through a receive).
+int echoedPeer(const sockaddr_in& address) {
+  std::string frame = frameOf(60);
+  char echo[64];
+  int peer = socket(AF_INET, SOCK_STREAM, 0);
+  connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  send(peer, frame.data(), frame.size(), 0);
+  readFully(peer, echo, frame.size());
+  return peer;
+}
+
+// In a forked child: locks all memory, binds a server, accepts one connection and then
+// `connections` more (one echo each, all kept open), and prints what the first (with bind)
+// and each further connection added.
+void lockedCost(const char* label, int connections, size_t stackBytes, bool allocating,
+                bool oneArena) {
+  std::fflush(stdout);
+  pid_t child = fork();
+  if (child != 0) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    return;
+  }
+  if (oneArena) mallopt(M_ARENA_MAX, 1);
+  if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
+    std::printf("  %s mlockall refused: %s\n", label, std::strerror(errno));
+    std::fflush(stdout);
+    _exit(0);
+  }
+  LockedRun run;
+  run.allocating = allocating;
+  auto* server = new SocketServer(new LockedEcho(&run));
+  server->setThreadStackSize(stackBytes);
+  long lockedAtStart = statusField("VmLck:");
+  long residentAtStart = statusField("VmRSS:");
+  server->bind("any", 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(server->getPort()));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::vector<int> peers{echoedPeer(address)};
+  while (server->getAcceptSocketCount() < peers.size()) std::this_thread::yield();
+  long lockedFirst = statusField("VmLck:");
+  long residentFirst = statusField("VmRSS:");
+  std::vector<double> echoUs;  // connect, thread start, first echo
+  for (int i = 0; i < connections; ++i) {
+    auto start = Clock::now();
+    peers.push_back(echoedPeer(address));
+    echoUs.push_back(secondsSince(start) * 1e6);
+  }
+  while (server->getAcceptSocketCount() < peers.size()) std::this_thread::yield();
+  double locked = static_cast<double>(statusField("VmLck:") - lockedFirst) / connections;
+  double resident = static_cast<double>(statusField("VmRSS:") - residentFirst) / connections;
+  for (int peer : peers) close(peer);
+  shutdownTcpServer(server);
+  delete server;
+  std::printf("  %s\n", label);
+  std::printf(
+      "    each further connection: VmLck %.1f KiB, VmRSS %.1f KiB; connect to first echo "
+      "%.0f us (median)\n",
+      locked, resident, median(echoUs));
+  std::printf(
+      "    bind + first connection: VmLck %ld KiB, VmRSS %ld KiB; deepest stack use %.1f KiB\n",
+      lockedFirst - lockedAtStart, residentFirst - residentAtStart,
+      static_cast<double>(run.deepest.load()) / 1024);
+  std::fflush(stdout);
+  _exit(0);
+}
+
+void lockedCosts(int connections) {
+  std::printf("under mlockall, per server connection (%d after the first, one echo each):\n",
+              connections);
+  lockedCost("256 KiB stack (default), echo callbacks:", connections, kTcpThreadStackSize, false,
+             false);
+  lockedCost("platform stack (setThreadStackSize(0)), echo callbacks:", connections, 0, false,
+             false);
+  lockedCost("256 KiB stack, allocating callbacks:", connections, kTcpThreadStackSize, true, false);
+  lockedCost("256 KiB stack, allocating callbacks, mallopt(M_ARENA_MAX, 1):", connections,
+             kTcpThreadStackSize, true, true);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  tcp_example::Options options("kelvo-tcp-bench", argc, argv,
-                               {{"rounds", "5"}, {"round-trips", "20000"}, {"frames", "100000"}},
-                               "[--rounds N] [--round-trips N] [--frames N]");
+  tcp_example::Options options(
+      "kelvo-tcp-bench", argc, argv,
+      {{"rounds", "5"}, {"round-trips", "20000"}, {"frames", "100000"}, {"locked", "20"}},
+      "[--rounds N] [--round-trips N] [--frames N] [--locked CONNECTIONS]");
   int rounds = static_cast<int>(options.integer("rounds", 1, 1000));
   long roundTrips = options.integer("round-trips", 100, 100000000);
   long frames = options.integer("frames", 100, 100000000);
+  int locked = static_cast<int>(options.integer("locked", 1, 200));
   blockSigpipe();
+  // First, while this process has started no thread and has no heap arena but the main one.
+  lockedCosts(locked);
 
   std::vector<double> libraryRtt, plainRtt, libraryMBs, plainMBs;
   for (int round = 0; round < rounds; ++round) {

@@ -62,17 +62,6 @@ const char* traceJsonPath(int argc, char** argv) {
   std::exit(2);
 }
 
-// Names the task runs of the trace: the thread runs init, controller and planner in its first
-// period (priority order), controller and planner once init has left.
-std::string taskName(const std::string& thread, uint32_t index, uint32_t tasksInPass) {
-  static const char* const kAll[] = {"init", "controller", "planner"};
-  static const char* const kAfterInit[] = {"controller", "planner"};
-  if (thread != "control") return "";
-  if (tasksInPass == 3 && index < 3) return kAll[index];
-  if (tasksInPass == 2 && index < 2) return kAfterInit[index];
-  return "";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -139,7 +128,8 @@ int main(int argc, char** argv) {
   thread.setTraceEnabled(false);
   thread.waitForNextCycle();  // the pass that was under way has recorded its last event
   const std::string trace = thread.getTrace();
-  const int jsonWritten = mosk::kelvo::TimeTrace::writeTraceJson(jsonPath, taskName);
+  // Every task run in it is named after its task ("init", "controller", "planner").
+  const int jsonWritten = mosk::kelvo::TimeTrace::writeTraceJson(jsonPath);
   // Stop and join before reading what the tasks wrote (latency samples, controller state):
   // pause() is only seen at the next period, so a pass may still be running after it returns.
   // The thread's time-trace ring outlives the thread, and the counters stay readable.

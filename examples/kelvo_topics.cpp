@@ -2,11 +2,20 @@
 //
 //   kelvo-topics            one line per topic: key, segment id, data size, attachments,
 //                           creator pid, magic, lock and unlock counts, owner thread id
-//   kelvo-topics rm NAME    removes the topic's segment, key file and (empty) directory
+//   kelvo-topics rm [--force] [--timeout S] NAME
+//                           removes the topic's segment, key file and (empty) directory
 //
 // The listing reads each header through a read-only attachment and takes no lock, so it works
 // while the topic is in use (and shows the counters as they are at that instant) and even when a
 // lock is held by a process that died.
+//
+// Removal destroys the topic's synchronisation objects through shm_rm_by_topic, waking any
+// thread that waits on the condition so that the destruction can finish. A process killed while
+// it waited never leaves the condition, and the destruction would wait for it for ever: after
+// --timeout seconds (default 10) `rm` gives up and says so (exit 1), and `rm --force` then
+// removes the topic all the same: it marks the segment for removal and deletes the key file
+// without touching the condition (processes still attached keep their memory until they detach
+// or exit).
 #include <dirent.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -19,6 +28,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -38,12 +48,22 @@ constexpr size_t kOwnerTidOffset = 28;
 constexpr size_t kLockCountOffset = 220;
 constexpr size_t kUnlockCountOffset = 228;
 constexpr size_t kCondOffset = 116;
-constexpr std::chrono::seconds kRemoveTimeLimit{10};
+constexpr long kDefaultRemoveTimeLimitSeconds = 10;
+constexpr long kMaxRemoveTimeLimitSeconds = 3600;
+
+struct RemoveOptions {
+  bool force = false;
+  std::chrono::seconds timeLimit{kDefaultRemoveTimeLimitSeconds};
+};
 
 void usage(FILE* out) {
   std::fprintf(out,
                "usage: kelvo-topics            list the topics under /tmp/topics\n"
-               "       kelvo-topics rm NAME    remove topic NAME (segment and key file)\n");
+               "       kelvo-topics rm [--force] [--timeout S] NAME\n"
+               "                               remove topic NAME (segment and key file);\n"
+               "                               waits up to S seconds (default 10) for\n"
+               "                               waiters to leave; --force removes it even\n"
+               "                               when they do not (a killed waiter)\n");
 }
 
 int badUsage(const std::string& message) {
@@ -126,10 +146,25 @@ int list() {
   return 0;
 }
 
+// Marks the segment for removal and deletes the key file and directory without touching the
+// synchronisation objects: the way out when a waiter will never leave the condition.
+void removeWithoutCondition(const std::string& topic, int id) {
+  if (shmctl(id, IPC_RMID, nullptr) != 0) {
+    std::fprintf(stderr, "kelvo-topics: cannot remove the segment of '%s': %s\n", topic.c_str(),
+                 std::strerror(errno));
+    std::fflush(stderr);
+    _exit(1);
+  }
+  unlink(keyFileOf(topic).c_str());
+  rmdir((kRoot + "/" + topic).c_str());
+}
+
 // shm_rm_by_topic destroys the segment's condition, which waits until every thread inside
 // shm_wait or shm_timedwait on it has left. It clears the magic word first, so no new wait
 // starts; the waiters already inside are woken here by broadcasts until the removal is through.
-int removeSegment(const std::string& topic, int id) {
+// A waiter that was killed never leaves: then the remover thread is stuck for good and only the
+// end of this process ends it, so every way out after the time limit is _exit.
+int removeSegment(const std::string& topic, int id, const RemoveOptions& options) {
   void* segment = shmat(id, nullptr, 0);
   if (segment == reinterpret_cast<void*>(-1)) {
     std::fprintf(stderr, "kelvo-topics: cannot attach the segment of '%s': %s\n", topic.c_str(),
@@ -143,16 +178,30 @@ int removeSegment(const std::string& topic, int id) {
     rc = shm_rm_by_topic(topic.c_str());
     removed = true;
   });
-  auto deadline = std::chrono::steady_clock::now() + kRemoveTimeLimit;
+  auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
   while (!removed && std::chrono::steady_clock::now() < deadline) {
     pthread_cond_broadcast(cond);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   if (!removed) {
-    std::fprintf(stderr, "kelvo-topics: waiters on '%s' did not leave within %lld s; not removed\n",
-                 topic.c_str(), static_cast<long long>(kRemoveTimeLimit.count()));
-    std::fflush(stderr);
-    _exit(1);  // the remover thread cannot be stopped; ending the process ends it
+    long long seconds = static_cast<long long>(options.timeLimit.count());
+    if (!options.force) {
+      std::fprintf(stderr,
+                   "kelvo-topics: waiters on '%s' did not leave within %lld s; not removed "
+                   "(a process killed while waiting never leaves: 'kelvo-topics rm --force %s' "
+                   "removes the topic without its condition)\n",
+                   topic.c_str(), seconds, topic.c_str());
+      std::fflush(stderr);
+      _exit(1);
+    }
+    removeWithoutCondition(topic, id);
+    std::printf(
+        "kelvo-topics: removed '%s' without destroying its condition: waiters did not leave "
+        "within %lld s (a process killed while waiting on it); attached processes keep the "
+        "memory until they detach\n",
+        topic.c_str(), seconds);
+    std::fflush(stdout);
+    _exit(0);
   }
   remover.join();
   shmdt(segment);
@@ -161,7 +210,7 @@ int removeSegment(const std::string& topic, int id) {
 
 // Removes the segment through the library (which also invalidates it for processes still
 // attached), then the key file and the topic's directory, which the library leaves.
-int removeTopic(const std::string& topic) {
+int removeTopic(const std::string& topic, const RemoveOptions& options) {
   if (topic.empty() || topic.size() > 44 || topic.find("..") != std::string::npos) {
     return badUsage("invalid topic name '" + topic + "'");
   }
@@ -175,12 +224,43 @@ int removeTopic(const std::string& topic) {
   if (id == -1) {
     std::fprintf(stderr, "kelvo-topics: topic '%s' has no segment; removing its key file\n",
                  topic.c_str());
-  } else if (removeSegment(topic, id) != 0) {
+  } else if (removeSegment(topic, id, options) != 0) {
     return 1;
   }
   unlink(keyFile.c_str());
   rmdir((kRoot + "/" + topic).c_str());
   return 0;
+}
+
+// Parses `rm [--force] [--timeout S] NAME` (argv[2] onwards).
+int removeCommand(int argc, char** argv) {
+  RemoveOptions options;
+  std::string name;
+  for (int i = 2; i < argc; ++i) {
+    std::string argument = argv[i];
+    if (argument == "--force") {
+      options.force = true;
+    } else if (argument == "--timeout") {
+      if (i + 1 == argc) return badUsage("--timeout needs a number of seconds");
+      char* end = nullptr;
+      errno = 0;
+      long seconds = std::strtol(argv[++i], &end, 10);
+      if (errno != 0 || end == argv[i] || *end != '\0' || seconds < 1 ||
+          seconds > kMaxRemoveTimeLimitSeconds) {
+        return badUsage("--timeout must be whole seconds from 1 to " +
+                        std::to_string(kMaxRemoveTimeLimitSeconds) + ", not '" + argv[i] + "'");
+      }
+      options.timeLimit = std::chrono::seconds(seconds);
+    } else if (argument.size() > 1 && argument[0] == '-') {
+      return badUsage("unknown argument '" + argument + "'");
+    } else if (name.empty()) {
+      name = argument;
+    } else {
+      return badUsage("unexpected argument '" + argument + "'");
+    }
+  }
+  if (name.empty()) return badUsage("rm needs a topic NAME");
+  return removeTopic(name, options);
 }
 
 }  // namespace
@@ -193,9 +273,5 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command != "rm") return badUsage("unknown argument '" + command + "'");
-  if (argc != 3) {
-    return badUsage(argc < 3 ? "rm needs a topic NAME"
-                             : "unexpected argument '" + std::string(argv[3]) + "'");
-  }
-  return removeTopic(argv[2]);
+  return removeCommand(argc, argv);
 }

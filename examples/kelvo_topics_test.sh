@@ -7,6 +7,7 @@ tool="$1"
 helper="$2"
 topic="kt$$-topics"
 waited="kt$$-waited"
+killed="kt$$-killed"
 keyonly="kt$$-keyonly"
 fifo="/tmp/kelvo_topics_fifo.$$"
 attached_out="/tmp/kelvo_topics_attached.$$"
@@ -19,8 +20,8 @@ fail() {
 
 cleanup() {
   rm -f "$fifo" "$attached_out" "/tmp/kelvo_topics_waiter.$$" "/tmp/kelvo_topics_err.$$"
-  for t in "$topic" "$waited" "$keyonly"; do
-    "$tool" rm "$t" >/dev/null 2>&1
+  for t in "$topic" "$waited" "$keyonly" "$killed"; do
+    "$tool" rm --force --timeout 1 "$t" >/dev/null 2>&1
     rm -rf "/tmp/topics/$t"
   done
 }
@@ -71,6 +72,16 @@ grep -q "unexpected argument 'b'" /tmp/kelvo_topics_err.$$ || fail "rm with two 
 grep -q "no topic 'kt$$-none'" /tmp/kelvo_topics_err.$$ || fail "rm of a missing topic message"
 "$tool" rm ../etc 2>/tmp/kelvo_topics_err.$$ && fail "rm ../etc accepted"
 grep -q "invalid topic name '../etc'" /tmp/kelvo_topics_err.$$ || fail "rm ../etc message"
+"$tool" rm --bogus x 2>/tmp/kelvo_topics_err.$$ && fail "rm --bogus accepted"
+grep -q "unknown argument '--bogus'" /tmp/kelvo_topics_err.$$ || fail "rm --bogus message"
+for bad in 0 x 3601 ""; do
+  "$tool" rm --timeout "$bad" x 2>/tmp/kelvo_topics_err.$$ && fail "--timeout '$bad' accepted"
+  grep -q "^kelvo-topics: --timeout must be whole seconds from 1 to 3600, not '$bad'" \
+    /tmp/kelvo_topics_err.$$ || fail "--timeout '$bad' message"
+done
+"$tool" rm x --timeout 2>/tmp/kelvo_topics_err.$$ && fail "--timeout without a value accepted"
+grep -q -- "--timeout needs a number of seconds" /tmp/kelvo_topics_err.$$ ||
+  fail "--timeout without a value message"
 "$tool" --help | grep -q "usage: kelvo-topics" || fail "--help"
 rm -f /tmp/kelvo_topics_err.$$
 
@@ -98,6 +109,44 @@ timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
 wait "$waiter_pid"
 grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"
 rm -f "$waiter_out"
+
+# A waiter killed inside shm_wait never leaves the condition, so its destruction would wait for
+# ever: rm gives up after its time limit and names --force, which removes the topic anyway.
+# Starts a waiter on topic $1, kills it while it sleeps in shm_wait and sets $key.
+start_and_kill_waiter() {
+  "$helper" wait "$1" 64 >"$waiter_out" </dev/null &
+  local pid=$!
+  await_line "$waiter_out" ready || fail "waiter on $1 did not start"
+  for _ in $(seq 1 3000); do
+    grep -q '^State:.*S' "/proc/$pid/status" && break
+    sleep 0.01
+  done
+  kill -KILL "$pid"
+  wait "$pid" 2>/dev/null
+  key=$("$tool" | awk -v t="$1" '$1 == t { print $2 }')
+  [ -n "$key" ] || fail "topic $1 of the killed waiter not listed"
+}
+# Passes if neither the segment with key $key nor the directory of topic $1 is left.
+expect_gone() {
+  [ -e "/tmp/topics/$1" ] && fail "removal of $1 left the topic directory"
+  grep -qiE "^ *$((key)) " /proc/sysvipc/shm && fail "removal of $1 left the segment"
+}
+
+start_and_kill_waiter "$killed"
+timeout 60 "$tool" rm --timeout 1 "$killed" 2>/tmp/kelvo_topics_err.$$ &&
+  fail "rm with a killed waiter succeeded without --force"
+grep -q "^kelvo-topics: waiters on '$killed' did not leave within 1 s; not removed .*'kelvo-topics rm --force $killed'" \
+  /tmp/kelvo_topics_err.$$ || fail "rm with a killed waiter message: $(cat /tmp/kelvo_topics_err.$$)"
+[ -e "/tmp/topics/$killed/shmkey" ] || fail "key file gone although not removed"
+timeout 60 "$tool" rm --force --timeout 1 "$killed" >/dev/null || fail "rm --force after rm"
+expect_gone "$killed"
+
+start_and_kill_waiter "$killed"
+forced=$(timeout 60 "$tool" rm --force --timeout 1 "$killed") || fail "rm --force with a killed waiter"
+echo "$forced" | grep -q "^kelvo-topics: removed '$killed' without destroying its condition: waiters did not leave within 1 s" ||
+  fail "rm --force message: $forced"
+expect_gone "$killed"
+rm -f "$waiter_out" /tmp/kelvo_topics_err.$$
 
 [ $status -eq 0 ] && echo "kelvo-topics: all checks passed"
 exit $status

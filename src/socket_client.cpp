@@ -10,10 +10,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <thread>
 
 #include "mosk/kelvo/socket_tcp.h"
 #include "socket_framing.h"
 #include "socket_send.h"
+#include "socket_thread.h"
 
 namespace mosk {
 namespace kelvo {
@@ -79,7 +81,9 @@ int SocketClient::connect(const char* ip, const int& port, const int& timeout) {
   // The mutex is taken before the thread starts so that its "connected" notification cannot
   // come before this call waits for it.
   std::unique_lock<std::mutex> lock(mutex_);
-  thread_ = new std::thread(&SocketClient::receivingLoop, this);
+  if (!buffer_) buffer_.reset(new char[framing::kClientBufferSize]);
+  thread_ = SocketThread::start<SocketClient, &SocketClient::receivingLoop>(
+      this, threadStackSize_.load(std::memory_order_relaxed));
   if (timeout == 0) return 0;
   if (timeout > 0) {
     auto deadline = std::chrono::system_clock::now() + std::chrono::milliseconds(timeout);
@@ -95,6 +99,14 @@ int SocketClient::connect(const char* ip, const int& port, const int& timeout) {
       return getState() == TcpState::Connected ? 0 : -1;
     }
   }
+}
+
+int SocketClient::setThreadStackSize(size_t bytes) {
+  return storeThreadStackSize(threadStackSize_, bytes);
+}
+
+size_t SocketClient::getThreadStackSize() const {
+  return threadStackSize_.load(std::memory_order_relaxed);
 }
 
 int SocketClient::send(const char* data, const int& length) {
@@ -181,7 +193,7 @@ void SocketClient::receiveUntilLost(char* buffer) {
   // A new connection starts a new byte stream: nothing held from the last one is kept.
   framing::ClientFrameState frames;
   while (true) {
-    int fd = getFd();
+    int fd = fd_.load(std::memory_order_relaxed);
     ssize_t n = recv(fd, buffer + frames.fill, framing::kReceiveSize, 0);
     if (n <= 0) {
       closeFd();
@@ -199,14 +211,17 @@ void SocketClient::receiveUntilLost(char* buffer) {
   }
 }
 
+// The receiving thread reads the state and descriptor fields, never the virtual getters: a
+// derived client's destructor runs before ours joins this thread, and a call through the
+// virtual table would race with it (and could reach an override whose object is gone).
 void SocketClient::receivingLoop() {
-  // Heap-held, once per thread: too large for a thread stack next to the application's frames.
-  std::unique_ptr<char[]> buffer(new char[framing::kClientBufferSize]);
+  // Allocated by connect: too large for a thread stack next to the application's frames.
+  char* buffer = buffer_.get();
   while (true) {
     // A connected socket is received from until it is lost, whatever the flags say: only a
     // shutdown or the peer ends it.
-    if (getState() == TcpState::Connected) {
-      receiveUntilLost(buffer.get());
+    if (state_.load() == TcpState::Connected) {
+      receiveUntilLost(buffer);
       continue;
     }
     if (!running_.load() || stopping_.load()) break;

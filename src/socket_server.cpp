@@ -6,10 +6,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 #include "mosk/kelvo/socket_tcp.h"
 #include "socket_framing.h"
 #include "socket_send.h"
+#include "socket_thread.h"
 
 namespace mosk {
 namespace kelvo {
@@ -17,9 +19,23 @@ namespace kelvo {
 // ---------------------------------------------------------------------------------------------
 // SocketClientProxy
 
-SocketClientProxy::SocketClientProxy(const int& fd, TcpCallback* prototype) : fd_(fd) {
+SocketClientProxy::SocketClientProxy(const int& fd, TcpCallback* prototype)
+    : SocketClientProxy(fd, prototype, kTcpThreadStackSize) {}
+
+SocketClientProxy::SocketClientProxy(const int& fd, TcpCallback* prototype, size_t threadStackSize)
+    : fd_(fd) {
+  // Holds at most one receive's text: reserved here, on the creating thread, so that the
+  // receiving thread never allocates.
+  lines_.reserve(framing::kReceiveSize);
   callback_ = prototype->newInstance(this);
-  thread_ = new std::thread(&SocketClientProxy::receivingLoop, this);
+  try {
+    thread_ = SocketThread::start<SocketClientProxy, &SocketClientProxy::receivingLoop>(
+        this, threadStackSize);
+  } catch (...) {
+    delete callback_;
+    callback_ = nullptr;
+    throw;
+  }
 }
 
 SocketClientProxy::~SocketClientProxy() {
@@ -75,8 +91,12 @@ void SocketClientProxy::onUpdate() {
   callback_->onUpdate();
 }
 
+// The receiving thread reads the descriptor field, never the virtual getFd(): it starts inside
+// the constructor and may outlive the derived part of the object in the destructor, so a call
+// through the virtual table would race with a derived class's constructor and destructor (and
+// could reach an override whose object is gone).
 void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
-  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
@@ -86,7 +106,7 @@ void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
 }
 
 void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended) {
-  int fd = getFd();
+  int fd = fd_.load(std::memory_order_relaxed);
   ssize_t n = recv(fd, buffer + fill, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
@@ -98,15 +118,15 @@ void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fi
   armQuickAck(fd);
 }
 
-void SocketClientProxy::receiveLines(char* buffer, std::string& accumulator, bool& ended) {
-  accumulator.clear();
-  ssize_t n = recv(getFd(), buffer, framing::kReceiveSize, 0);
+void SocketClientProxy::receiveLines(char* buffer, bool& ended) {
+  lines_.clear();
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
   }
   framing::frameLines(
-      buffer, static_cast<int>(n), accumulator,
+      buffer, static_cast<int>(n), lines_,
       [this](const char* data, const int& length) { callback_->onReceived(data, length); });
 }
 
@@ -120,9 +140,6 @@ void SocketClientProxy::receivingLoop() {
   char buffer[framing::kServerBufferSize];
   int offset = 0;
   int fill = 0;
-  // Holds at most one receive's text: reserved here so that no receive allocates.
-  std::string accumulator;
-  accumulator.reserve(framing::kReceiveSize);
   bool ended = false;
   while (!ended && running_.load(std::memory_order_relaxed)) {
     switch (policy_.load(std::memory_order_relaxed)) {
@@ -133,7 +150,7 @@ void SocketClientProxy::receivingLoop() {
         receiveLengthPrefixed(buffer, offset, fill, ended);
         break;
       case TcpReceivePolicy::Lines:
-        receiveLines(buffer, accumulator, ended);
+        receiveLines(buffer, ended);
         break;
       default:  // undefined policy: nothing is received until stopped
         break;
@@ -213,7 +230,8 @@ int SocketServer::bind(const char* name, const int& port) {
     retiredThreads_.push_back(thread_);
     retiredListenFds_.push_back(previousFd);
   }
-  thread_ = new std::thread(&SocketServer::acceptingLoop, this);
+  thread_ = SocketThread::start<SocketServer, &SocketServer::acceptingLoop>(
+      this, threadStackSize_.load(std::memory_order_relaxed));
   state_.store(TcpState::Connected);
   return 0;
 }
@@ -227,13 +245,60 @@ void SocketServer::acceptingLoop() {
       setLastError(std::strerror(errno));
       continue;
     }
-    armQuickAck(fd);
-    auto* connection = new SocketClientProxy(fd, prototype_);
-    std::lock_guard<std::mutex> lock(listMutex_);
-    clients_.push_back(connection);
+    acceptConnection(fd);
   }
   state_.store(TcpState::Stopped);
   close(listenFd_.exchange(-1));
+}
+
+// Only this thread appends to the list, so a count below the limit stays below it until the
+// append.
+bool SocketServer::atConnectionLimit() const {
+  size_t limit = connectionLimit_.load(std::memory_order_relaxed);
+  return limit != 0 && getAcceptSocketCount() >= limit;
+}
+
+void SocketServer::acceptConnection(int fd) {
+  if (atConnectionLimit()) {
+    close(fd);
+    refusedConnections_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  armQuickAck(fd);
+  SocketClientProxy* connection = nullptr;
+  try {
+    connection =
+        new SocketClientProxy(fd, prototype_, threadStackSize_.load(std::memory_order_relaxed));
+  } catch (const std::system_error& error) {
+    // No thread for it (out of memory, or a stack size the system refuses): refuse this one
+    // connection rather than end the process.
+    setLastError(error.code().message().c_str());
+    close(fd);
+    refusedConnections_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(listMutex_);
+  clients_.push_back(connection);
+}
+
+int SocketServer::setThreadStackSize(size_t bytes) {
+  return storeThreadStackSize(threadStackSize_, bytes);
+}
+
+size_t SocketServer::getThreadStackSize() const {
+  return threadStackSize_.load(std::memory_order_relaxed);
+}
+
+void SocketServer::setConnectionLimit(size_t maximum) {
+  connectionLimit_.store(maximum, std::memory_order_relaxed);
+}
+
+size_t SocketServer::getConnectionLimit() const {
+  return connectionLimit_.load(std::memory_order_relaxed);
+}
+
+uint64_t SocketServer::getRefusedConnectionCount() const {
+  return refusedConnections_.load(std::memory_order_relaxed);
 }
 
 TcpState SocketServer::getState() const { return state_.load(); }
@@ -309,7 +374,7 @@ void SocketServer::join() {
 }
 
 void SocketServer::joinRetired() {
-  for (std::thread* thread : retiredThreads_) {
+  for (SocketThread* thread : retiredThreads_) {
     thread->join();
     delete thread;
   }

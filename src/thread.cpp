@@ -23,6 +23,7 @@
 #include "kelvo_assert.h"
 #include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/time_trace.h"
+#include "mosk/kelvo/trace_task_names.h"
 #include "periodic_thread_parts.h"
 
 namespace mosk {
@@ -196,9 +197,13 @@ RealTimeTaskWrapper::RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco
     : task(std::move(task)),
       runOnce(runOnce),
       mainCo(mainCo),
-      serial(nextWrapperSerial.fetch_add(1, kRelaxed)) {}
+      serial(nextWrapperSerial.fetch_add(1, kRelaxed)) {
+  // The trace viewer names this task's runs from here on; the loop records only the serial.
+  TraceTaskNames::add(serial, this->task != nullptr ? this->task->getName() : std::string());
+}
 
 RealTimeTaskWrapper::~RealTimeTaskWrapper() {
+  TraceTaskNames::retire(serial);
   if (!useCoroutine || shareStack == nullptr) return;
   // A share stack is only ever created together with its coroutine; one without the other
   // means the record is corrupt, and destroying a null coroutine aborts.
@@ -325,7 +330,9 @@ void createCoroutine(RealTimeTaskWrapper& wrapper) {
 }
 }  // namespace
 
-struct PeriodicThread::PrivateData {
+// Hidden although nested in an exported class: its members are the loop's internals, not part of
+// the library's interface.
+struct __attribute__((visibility("hidden"))) PeriodicThread::PrivateData {
   PrivateData(unsigned int period, const char* threadName, ScheduleMethod method, int cpu,
               int priority)
       : cpu(cpu),
@@ -348,7 +355,8 @@ struct PeriodicThread::PrivateData {
   void runTask(RealTimeTaskWrapper& wrapper, int index, bool& allDone);
   void reportFrameOvershoot(uint64_t frameUs, uint64_t limitUs);
   void sleepToNextDeadline();
-  void trace(const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0);
+  void trace(const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0, uint32_t arg2 = 0,
+             uint32_t arg3 = 0);
 
   // --- caller side ---------------------------------------------------------------------------
   // Creates a new task's coroutine and share stack on the caller's thread, before the loop can
@@ -480,8 +488,12 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
     const std::string nameCopy = task.getName();  // asked before every run, by design
     (void)nameCopy;
   }
+  // The task's serial rides in the two arguments the formats do not print, so that the trace
+  // viewer can name the run after the task whatever its position.
+  const uint32_t idLow = TraceTaskNames::lowWord(wrapper.serial);
+  const uint32_t idHigh = TraceTaskNames::highWord(wrapper.serial);
   const uint64_t t0 = Cycles::rdtsc();
-  trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index));
+  trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index), 0, idLow, idHigh);
   wrapper.runState.store(RealTimeTaskWrapper::kRunning, kRelaxed);
   if (wrapper.co == nullptr) createCoroutine(wrapper);
   aco_resume(wrapper.co);
@@ -492,7 +504,8 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
     wrapper.runState.store(RealTimeTaskWrapper::kDone, kRelaxed);
   }
   const uint64_t runs = wrapper.runCount.load(kRelaxed);
-  trace("Task[%d] <<<<<<<< end %d", static_cast<uint32_t>(index), static_cast<uint32_t>(runs));
+  trace("Task[%d] <<<<<<<< end %d", static_cast<uint32_t>(index), static_cast<uint32_t>(runs),
+        idLow, idHigh);
   wrapper.runCount.store(runs + 1, kRelaxed);
   const uint64_t us = Cycles::toMicroseconds(Cycles::rdtsc() - t0, 0);
   addRelaxed(wrapper.totalRuntimeUs, us);
@@ -530,10 +543,11 @@ void PeriodicThread::PrivateData::sleepToNextDeadline() {
   counters.recordLatency(deadlines.sleepUntilDeadline());
 }
 
-void PeriodicThread::PrivateData::trace(const char* format, uint32_t arg0, uint32_t arg1) {
+void PeriodicThread::PrivateData::trace(const char* format, uint32_t arg0, uint32_t arg1,
+                                        uint32_t arg2, uint32_t arg3) {
   if (!traceEnabled.load(kRelaxed)) return;
   if (TimeTrace::threadBuffer == nullptr) TimeTrace::createThreadBuffer();
-  TimeTrace::threadBuffer->record(Cycles::rdtsc(), format, arg0, arg1);
+  TimeTrace::threadBuffer->record(Cycles::rdtsc(), format, arg0, arg1, arg2, arg3);
 }
 
 void PeriodicThread::PrivateData::prepare(RealTimeTaskWrapper& wrapper) {

@@ -9,6 +9,11 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "mosk/kelvo/trace_task_names.h"
+#include "time_trace_rings.h"
 
 namespace mosk {
 namespace kelvo {
@@ -21,6 +26,10 @@ bool TimeTrace::keepOldEvents = false;
 
 namespace {
 
+// Set, under TimeTrace::mutex, just before the registry is destroyed at exit: from then on it
+// must not be read.
+bool registryDestroyed = false;
+
 // Rings live as long as the process: a thread that is still running while the process exits
 // may record into its ring after the registry's destructor has run. When the registry is
 // destroyed, its rings are handed to a list that is never freed, so they stay valid (and leak
@@ -28,6 +37,7 @@ namespace {
 struct RingsOutliveTheRegistry {
   ~RingsOutliveTheRegistry() {
     std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+    registryDestroyed = true;
     static auto* survivors = new std::vector<TimeTrace::Buffer*>();
     survivors->insert(survivors->end(), TimeTrace::threadBuffers.begin(),
                       TimeTrace::threadBuffers.end());
@@ -418,6 +428,16 @@ EventKind classify(const char* format) {
   return EventKind::kInstant;
 }
 
+bool isTaskRunEvent(const char* format) {
+  const EventKind kind = classify(format);
+  return kind == EventKind::kTaskStart || kind == EventKind::kTaskEnd;
+}
+
+// The identifier of the task a task-run event belongs to (0 when it was recorded without one).
+uint64_t taskIdOf(const EventCopy& event) {
+  return isTaskRunEvent(event.format) ? TraceTaskNames::fromWords(event.arg2, event.arg3) : 0;
+}
+
 // Length of the valid UTF-8 sequence at `s` (at most `left` bytes), or 0 if it is not one.
 size_t utf8SequenceLength(const unsigned char* s, size_t left) {
   size_t length;
@@ -486,6 +506,7 @@ struct JsonTrack {
   bool passOpen = false;
   bool taskOpen = false;
   uint32_t openTask = 0;
+  uint64_t openTaskId = 0;
   uint32_t tasksInPass = 0;
   double lastUs = 0.0;
 };
@@ -511,6 +532,7 @@ class JsonTraceBuilder {
 
   void addEvent(JsonTrack* track, const EventCopy& event, double us, const char* text) {
     const uint32_t arg0 = event.arg0;
+    const uint64_t taskId = taskIdOf(event);
     switch (classify(event.format)) {
       case EventKind::kPassStart:
         closeTask(track);
@@ -521,12 +543,13 @@ class JsonTraceBuilder {
         break;
       case EventKind::kTaskStart:
         closeTask(track);
-        add(us, track->tid, 'B', taskName(*track, arg0, text), text);
+        add(us, track->tid, 'B', taskName(*track, arg0, taskId, text), text);
         track->taskOpen = true;
         track->openTask = arg0;
+        track->openTaskId = taskId;
         break;
       case EventKind::kTaskEnd:
-        if (track->taskOpen && track->openTask == arg0) {
+        if (track->taskOpen && track->openTask == arg0 && track->openTaskId == taskId) {
           add(us, track->tid, 'E', "", text);
           track->taskOpen = false;
         } else {  // its start was skipped or overwritten
@@ -570,10 +593,17 @@ class JsonTraceBuilder {
     std::string json;
   };
 
-  std::string taskName(const JsonTrack& track, uint32_t index, const char* text) const {
+  // The namer's name if it gives one, else the name of the task that ran, else the position
+  // ("Task[i]").
+  std::string taskName(const JsonTrack& track, uint32_t index, uint64_t taskId, const char* text) {
     if (namer_) {
       std::string name = namer_(track.threadName, index, track.tasksInPass);
       if (!name.empty()) return name;
+    }
+    if (taskId != 0) {
+      auto known = names_.find(taskId);
+      if (known == names_.end()) known = names_.emplace(taskId, TraceTaskNames::find(taskId)).first;
+      if (!known->second.empty()) return known->second;
     }
     const std::string eventText(text);
     const size_t bracket = eventText.find(']');
@@ -614,11 +644,66 @@ class JsonTraceBuilder {
   }
 
   const TimeTrace::TaskNamer& namer_;
+  std::unordered_map<uint64_t, std::string> names_;  // task names looked up so far
   std::vector<std::string> metadata_;
   std::vector<Entry> entries_;
 };
 
+// Whether formats name task runs, remembered per format pointer: a ring holds only a few
+// distinct formats, so a scan compares strings a few times instead of once per slot.
+class TaskRunFormats {
+ public:
+  bool isTaskRun(const char* format) {
+    for (const Known& known : known_) {
+      if (known.format == format) return known.taskRun;
+    }
+    Known& slot = known_[next_++ % kKnown];
+    slot = Known{format, isTaskRunEvent(format)};
+    return slot.taskRun;
+  }
+
+ private:
+  static constexpr size_t kKnown = 8;
+  struct Known {
+    const char* format = nullptr;
+    bool taskRun = false;
+  };
+  Known known_[kKnown];
+  size_t next_ = 0;
+};
+
+// Adds to `found` the candidates that the task-run events of `ring` carry.
+void collectTaskIds(const Buffer& ring, const std::unordered_set<uint64_t>& candidates,
+                    TaskRunFormats* formats, std::unordered_set<uint64_t>* found) {
+  uint64_t previous = 0;  // a run's start and end carry the same task: look it up once
+  for (const Buffer::Event& slot : ring.events) {
+    const char* format = slot.format.load(std::memory_order_relaxed);
+    if (format == nullptr || !formats->isTaskRun(format)) continue;
+    const uint64_t taskId = TraceTaskNames::fromWords(slot.arg2.load(std::memory_order_relaxed),
+                                                      slot.arg3.load(std::memory_order_relaxed));
+    if (taskId == previous) continue;
+    previous = taskId;
+    if (candidates.count(taskId) != 0) found->insert(taskId);
+  }
+}
+
 }  // namespace
+
+std::unordered_set<uint64_t> detail::taskIdsStillInRings(
+    const std::unordered_set<uint64_t>& candidates) {
+  std::unordered_set<uint64_t> found;
+  TaskRunFormats formats;
+  // Under the registry's mutex no ring is freed; rings a merge still reads after they left the
+  // registry are read too. Once the process has destroyed the registry (tasks may still die
+  // while it exits), every candidate counts as shown: nothing is dropped then.
+  std::lock_guard<std::mutex> lock(TimeTrace::mutex);
+  if (registryDestroyed) return candidates;
+  for (const Buffer* ring : TimeTrace::threadBuffers) {
+    collectTaskIds(*ring, candidates, &formats, &found);
+  }
+  for (const Buffer* ring : unregisteredRings) collectTaskIds(*ring, candidates, &formats, &found);
+  return found;
+}
 
 std::string TimeTrace::traceJsonOf(std::vector<Buffer*>* buffers, const TaskNamer& taskNamer) {
   ReadingGuard reading(buffers);

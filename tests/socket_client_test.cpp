@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -309,6 +310,86 @@ TEST_F(ClientTest, AStoppedClientCannotBeReused) {
   client_->stop(true);
   EXPECT_EQ(client_->connect("127.0.0.1", listener.port, 200), -1);  // never connects
   EXPECT_EQ(record_->count("connected"), 0u);
+}
+
+// ------------------------------------------------------------------------------------------
+// The receiving thread's stack.
+
+using kelvo_test::factsOfThisThread;
+using kelvo_test::hasStackOf;
+using kelvo_test::leavesCallbacksTheirRoom;
+using kelvo_test::ThreadFacts;
+
+class ClientThreadTest : public ClientTest {
+ protected:
+  void SetUp() override {
+    ClientTest::SetUp();
+    record_->onConnectedHook = [this](ITcpSocket*) {
+      ThreadFacts here = factsOfThisThread();
+      std::lock_guard<std::mutex> lock(record_->mutex);
+      receiving_ = here;
+    };
+  }
+  // Connects to a plain listener and stops again; receiving_ then holds the thread's facts.
+  void connectAndStop() {
+    PlainListener listener;
+    ASSERT_EQ(client_->connect("127.0.0.1", listener.port, 5000), 0);
+    int peer = listener.acceptOne();
+    client_->stop(true);
+    close(peer);
+  }
+  ThreadFacts receiving_;
+};
+
+TEST_F(ClientThreadTest, TheReceivingThreadHasTheDefaultBoundedStack) {
+  EXPECT_EQ(client_->getThreadStackSize(), kTcpThreadStackSize);
+  connectAndStop();
+  EXPECT_TRUE(hasStackOf(receiving_, kTcpThreadStackSize)) << receiving_.stackSize;
+  EXPECT_TRUE(receiving_.frameOnStack);
+  EXPECT_TRUE(leavesCallbacksTheirRoom(receiving_)) << receiving_.depth;
+}
+
+TEST_F(ClientThreadTest, ASetSizeIsRoundedToPagesAndUsed) {
+  size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  size_t asked = 3 * kTcpMinThreadStackSize - 1;
+  size_t expected = (asked + page - 1) / page * page;
+  EXPECT_EQ(client_->setThreadStackSize(asked), 0);
+  EXPECT_EQ(client_->getThreadStackSize(), expected);
+  connectAndStop();
+  EXPECT_TRUE(hasStackOf(receiving_, expected)) << receiving_.stackSize;
+}
+
+TEST_F(ClientThreadTest, ASizeBelowTheMinimumIsRefusedAndChangesNothing) {
+  EXPECT_EQ(client_->setThreadStackSize(kTcpMinThreadStackSize), 0);
+  EXPECT_EQ(client_->setThreadStackSize(kTcpMinThreadStackSize - 1), -1);
+  EXPECT_EQ(client_->setThreadStackSize(SIZE_MAX), -1);
+  EXPECT_EQ(client_->getThreadStackSize(), kTcpMinThreadStackSize);
+  connectAndStop();
+  EXPECT_TRUE(hasStackOf(receiving_, kTcpMinThreadStackSize)) << receiving_.stackSize;
+}
+
+TEST_F(ClientThreadTest, ZeroRestoresThePlatformsDefaultStack) {
+  ThreadFacts plain;
+  std::thread([&] { plain = factsOfThisThread(); }).join();
+  EXPECT_EQ(client_->setThreadStackSize(0), 0);
+  connectAndStop();
+  EXPECT_EQ(receiving_.stackSize, plain.stackSize);
+}
+
+TEST_F(ClientThreadTest, TheThreadInheritsTheNameAndSignalMaskOfTheConnectingThread) {
+  kelvo_test::runOnMarkedThread("connector-test", [&] { connectAndStop(); });
+  EXPECT_EQ(receiving_.name, "connector-test");
+  EXPECT_TRUE(receiving_.sigusr2Blocked);
+}
+
+TEST_F(ClientThreadTest, ConnectThrowsWhenTheThreadCannotStart) {
+  EXPECT_EQ(client_->setThreadStackSize(size_t{1} << 50), 0);  // more than the address space
+  EXPECT_THROW(client_->connect("127.0.0.1", freePort(), 0), std::system_error);
+  EXPECT_EQ(client_->getState(), TcpState::Idle);
+  // Nothing was started: a size the system can give makes the next connect work.
+  EXPECT_EQ(client_->setThreadStackSize(kTcpThreadStackSize), 0);
+  connectAndStop();
+  EXPECT_EQ(record_->count("connected"), 1u);
 }
 
 TEST(ClientNullPrototypeTest, AClientWithANullPrototypeHasNoCallback) {

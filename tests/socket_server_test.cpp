@@ -7,6 +7,7 @@
 #include <atomic>
 #include <random>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -473,6 +474,237 @@ TEST_F(ServerTest, ASecondBindDropsTheListAndStartsASecondAcceptingThread) {
 TEST_F(ServerTest, ShutdownOfAServerNeverBoundReturnsAtOnce) {
   EXPECT_EQ(shutdownTcpServer(server_), 0);
   EXPECT_EQ(shutdownTcpServer(nullptr), -1);
+}
+
+// ------------------------------------------------------------------------------------------
+// Thread stacks, and the connection limit.
+
+using kelvo_test::factsOfThisThread;
+using kelvo_test::hasStackOf;
+using kelvo_test::leavesCallbacksTheirRoom;
+using kelvo_test::ThreadFacts;
+
+// Facts of the accepting thread (from newInstance) and of the connection's thread (from
+// onConnected), for the first connection.
+class ServerThreadTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    ServerTest::SetUp();
+    record_->onNewInstanceHook = [this](ITcpSocket*) { remember(accepting_, acceptingSeen_); };
+    record_->onConnectedHook = [this](ITcpSocket*) { remember(receiving_, receivingSeen_); };
+  }
+  void remember(ThreadFacts& facts, bool& seen) {
+    ThreadFacts here = factsOfThisThread();
+    std::lock_guard<std::mutex> lock(record_->mutex);
+    if (!seen) facts = here;
+    seen = true;
+  }
+  // Binds, connects one peer and waits until both threads have reported.
+  void connectOne() {
+    bindServer();
+    peer_ = connectPlain(port_);
+    ASSERT_GE(peer_, 0);
+    ASSERT_TRUE(waitFor([&] {
+      std::lock_guard<std::mutex> lock(record_->mutex);
+      return acceptingSeen_ && receivingSeen_;
+    }));
+  }
+  void TearDown() override {
+    if (peer_ >= 0) close(peer_);
+    ServerTest::TearDown();
+  }
+
+  ThreadFacts accepting_, receiving_;
+  bool acceptingSeen_ = false, receivingSeen_ = false;
+  int peer_ = -1;
+};
+
+// The stack size a thread gets from the platform when nobody chooses one.
+size_t platformDefaultStackSize() {
+  ThreadFacts facts;
+  std::thread([&] { facts = factsOfThisThread(); }).join();
+  return facts.stackSize;
+}
+
+TEST_F(ServerThreadTest, BothThreadsHaveTheDefaultBoundedStack) {
+  EXPECT_EQ(server_->getThreadStackSize(), kTcpThreadStackSize);
+  connectOne();
+  EXPECT_TRUE(hasStackOf(accepting_, kTcpThreadStackSize)) << accepting_.stackSize;
+  EXPECT_TRUE(hasStackOf(receiving_, kTcpThreadStackSize)) << receiving_.stackSize;
+  EXPECT_TRUE(accepting_.frameOnStack);
+  EXPECT_TRUE(receiving_.frameOnStack);
+  // The library's frames and the thread's TLS under a callback; the rest is the callback's.
+  EXPECT_TRUE(leavesCallbacksTheirRoom(receiving_)) << receiving_.depth;
+  EXPECT_TRUE(leavesCallbacksTheirRoom(accepting_)) << accepting_.depth;
+}
+
+TEST_F(ServerThreadTest, ASetSizeIsRoundedToPagesAndUsedByBothThreads) {
+  size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  size_t asked = 1024 * 1024 + 100 * 1024 + 1;  // above what ThreadSanitizer raises stacks to
+  size_t expected = (asked + page - 1) / page * page;
+  EXPECT_EQ(server_->setThreadStackSize(asked), 0);
+  EXPECT_EQ(server_->getThreadStackSize(), expected);
+  connectOne();
+  EXPECT_TRUE(hasStackOf(accepting_, expected)) << accepting_.stackSize;
+  EXPECT_TRUE(hasStackOf(receiving_, expected)) << receiving_.stackSize;
+  EXPECT_TRUE(receiving_.frameOnStack);
+}
+
+TEST_F(ServerThreadTest, TheMinimumIsAcceptedAndUsed) {
+  EXPECT_EQ(server_->setThreadStackSize(kTcpMinThreadStackSize), 0);
+  connectOne();
+  EXPECT_TRUE(hasStackOf(receiving_, kTcpMinThreadStackSize)) << receiving_.stackSize;
+  EXPECT_TRUE(hasStackOf(accepting_, kTcpMinThreadStackSize)) << accepting_.stackSize;
+}
+
+TEST_F(ServerThreadTest, ASizeBelowTheMinimumIsRefusedAndChangesNothing) {
+  EXPECT_EQ(server_->setThreadStackSize(kTcpMinThreadStackSize + 4096), 0);
+  EXPECT_EQ(server_->setThreadStackSize(kTcpMinThreadStackSize - 1), -1);
+  EXPECT_EQ(server_->setThreadStackSize(1), -1);
+  EXPECT_EQ(server_->setThreadStackSize(SIZE_MAX), -1);
+  EXPECT_EQ(server_->getThreadStackSize(), kTcpMinThreadStackSize + 4096);
+  connectOne();
+  EXPECT_TRUE(hasStackOf(receiving_, kTcpMinThreadStackSize + 4096)) << receiving_.stackSize;
+}
+
+TEST_F(ServerThreadTest, ZeroRestoresThePlatformsDefaultStack) {
+  EXPECT_EQ(server_->setThreadStackSize(0), 0);
+  EXPECT_EQ(server_->getThreadStackSize(), 0u);
+  connectOne();
+  EXPECT_EQ(accepting_.stackSize, platformDefaultStackSize());
+  EXPECT_EQ(receiving_.stackSize, platformDefaultStackSize());
+}
+
+TEST_F(ServerThreadTest, ThreadsInheritTheNameAndSignalMaskOfTheBindingThread) {
+  std::string name;
+  bool blocked = false;
+  kelvo_test::runOnMarkedThread("binder-test", [&] {
+    connectOne();
+    ThreadFacts facts = factsOfThisThread();
+    name = facts.name;
+    blocked = facts.sigusr2Blocked;
+  });
+  EXPECT_EQ(name, "binder-test");
+  EXPECT_TRUE(blocked);
+  EXPECT_EQ(accepting_.name, "binder-test");
+  EXPECT_EQ(receiving_.name, "binder-test");
+  EXPECT_TRUE(accepting_.sigusr2Blocked);
+  EXPECT_TRUE(receiving_.sigusr2Blocked);
+}
+
+// 1 PiB: more than the address space, so no thread can start with it.
+constexpr size_t kImpossibleStack = size_t{1} << 50;
+
+TEST_F(ServerThreadTest, BindThrowsWhenTheAcceptingThreadCannotStart) {
+  EXPECT_EQ(server_->setThreadStackSize(kImpossibleStack), 0);
+  EXPECT_THROW(server_->bind("any", 0), std::system_error);
+  EXPECT_EQ(server_->getState(), TcpState::Idle);
+}
+
+TEST_F(ServerThreadTest, AConnectionWhoseThreadCannotStartIsClosedAndCounted) {
+  bindServer();
+  EXPECT_EQ(server_->setThreadStackSize(kImpossibleStack), 0);  // later connections only
+  int refused = connectPlain(port_);
+  ASSERT_GE(refused, 0);
+  EXPECT_EQ(readExactly(refused, 1), "");  // closed by the server
+  close(refused);
+  EXPECT_TRUE(waitFor([&] { return server_->getRefusedConnectionCount() == 1; }));
+  EXPECT_FALSE(server_->getLastError().empty());
+  EXPECT_EQ(server_->getAcceptSocketCount(), 0u);
+  EXPECT_EQ(record_->instances, 1);  // asked for a callback, which was deleted again
+  EXPECT_EQ(record_->deleted, 1);
+  EXPECT_EQ(record_->count("connected"), 0u);
+  // A size the system can give makes the next connection work again.
+  EXPECT_EQ(server_->setThreadStackSize(kTcpThreadStackSize), 0);
+  peer_ = connectPlain(port_);
+  EXPECT_TRUE(waitFor([&] { return record_->count("connected") == 1; }));
+}
+
+class ConnectionLimitTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    ServerTest::SetUp();
+    record_->onMessage = [](ITcpSocket* socket, const char* data, int length) {
+      socket->send(data, length);
+    };
+  }
+  // A peer that the server accepted (its connection's thread runs) and listed, after which
+  // `listed` connections are in the list.
+  int acceptedPeer(size_t listed) {
+    int peer = connectPlain(port_);
+    EXPECT_GE(peer, 0);
+    ++accepted_;
+    EXPECT_TRUE(waitFor([&] {
+      return record_->count("connected") == accepted_ && server_->getAcceptSocketCount() == listed;
+    }));
+    return peer;
+  }
+  void expectEcho(int peer, const std::string& text) {
+    std::string message = frame(text);
+    ASSERT_TRUE(writeAll(peer, message));
+    EXPECT_EQ(readExactly(peer, message.size()), message);
+  }
+  size_t accepted_ = 0;
+};
+
+TEST_F(ConnectionLimitTest, UnlimitedByDefault) {
+  EXPECT_EQ(server_->getConnectionLimit(), 0u);
+  EXPECT_EQ(server_->getRefusedConnectionCount(), 0u);
+  bindServer();
+  std::vector<int> peers;
+  for (size_t i = 1; i <= 5; ++i) peers.push_back(acceptedPeer(i));
+  EXPECT_EQ(server_->getRefusedConnectionCount(), 0u);
+  for (int peer : peers) close(peer);
+}
+
+TEST_F(ConnectionLimitTest, ConnectionsPastTheLimitAreClosedAtOnceAndCounted) {
+  server_->setConnectionLimit(2);
+  EXPECT_EQ(server_->getConnectionLimit(), 2u);
+  bindServer();
+  int first = acceptedPeer(1);
+  int second = acceptedPeer(2);
+  for (uint64_t i = 1; i <= 3; ++i) {
+    int refused = connectPlain(port_);
+    ASSERT_GE(refused, 0);
+    EXPECT_EQ(readExactly(refused, 1), "");  // end of file: closed by the server
+    close(refused);
+    EXPECT_TRUE(waitFor([&] { return server_->getRefusedConnectionCount() == i; }));
+  }
+  // Refused connections never reached newInstance; the accepted ones are unaffected.
+  EXPECT_EQ(record_->instances, 2);
+  EXPECT_EQ(server_->getAcceptSocketCount(), 2u);
+  expectEcho(first, "first");
+  expectEcho(second, "second");
+  // Once a finished connection is reaped there is room again.
+  close(first);
+  ASSERT_TRUE(waitFor([&] {
+    testing::internal::CaptureStderr();
+    server_->update();
+    testing::internal::GetCapturedStderr();
+    return server_->getAcceptSocketCount() == 1;
+  }));
+  int third = acceptedPeer(2);
+  expectEcho(third, "third");
+  EXPECT_EQ(server_->getRefusedConnectionCount(), 3u);
+  close(second);
+  close(third);
+}
+
+TEST_F(ConnectionLimitTest, FinishedConnectionsCountUntilReaped) {
+  server_->setConnectionLimit(1);
+  bindServer();
+  int first = acceptedPeer(1);
+  close(first);
+  ASSERT_TRUE(waitFor([&] { return record_->count("disconnected") == 1; }));
+  int refused = connectPlain(port_);
+  EXPECT_EQ(readExactly(refused, 1), "");
+  close(refused);
+  EXPECT_TRUE(waitFor([&] { return server_->getRefusedConnectionCount() == 1; }));
+  // Raising the limit takes effect at the next accept.
+  server_->setConnectionLimit(0);
+  int second = acceptedPeer(2);
+  expectEcho(second, "unlimited");
+  close(second);
 }
 
 TEST(ServerOwnershipTest, TheServerDeletesItsPrototype) {

@@ -7,11 +7,14 @@
 #include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -96,6 +99,74 @@ inline bool resourcesBackTo(const Resources& before) {
   return back;
 }
 
+// What a test learns about the thread it runs on: its stack as pthread_getattr_np reports it,
+// whether the caller's frame lies on that stack and how far below its top, the thread's name,
+// and whether SIGUSR2 is blocked.
+struct ThreadFacts {
+  size_t stackSize = 0;
+  bool frameOnStack = false;
+  size_t depth = 0;
+  std::string name;
+  bool sigusr2Blocked = false;
+};
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+// True when a thread started with a stack of `asked` bytes got it. ThreadSanitizer keeps its
+// own thread state (about 0.8 MiB of static TLS) at the top of every thread's stack and raises
+// any smaller stack to that plus 128 KiB, so its builds only promise at least the size.
+inline bool hasStackOf(const ThreadFacts& facts, size_t asked) {
+  return kThreadSanitizer ? facts.stackSize >= asked : facts.stackSize == asked;
+}
+
+// True when at most 16 KiB of the stack (static TLS, the library's frames) lies above the
+// frame that took `facts`: what the headers promise a callback. Not under ThreadSanitizer,
+// whose thread state takes 0.8 MiB of it.
+inline bool leavesCallbacksTheirRoom(const ThreadFacts& facts) {
+  return kThreadSanitizer || facts.depth < 16 * 1024;
+}
+
+__attribute__((noinline)) inline ThreadFacts factsOfThisThread() {
+  ThreadFacts facts;
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+    void* low = nullptr;
+    size_t size = 0;
+    pthread_attr_getstack(&attributes, &low, &size);
+    pthread_attr_destroy(&attributes);
+    auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    auto bottom = reinterpret_cast<uintptr_t>(low);
+    facts.stackSize = size;
+    facts.frameOnStack = frame > bottom && frame < bottom + size;
+    if (facts.frameOnStack) facts.depth = bottom + size - frame;
+  }
+  char name[16] = {};
+  pthread_getname_np(pthread_self(), name, sizeof(name));
+  facts.name = name;
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  facts.sigusr2Blocked = sigismember(&mask, SIGUSR2) == 1;
+  return facts;
+}
+
+// Runs `body` on a new thread named `name` with SIGUSR2 blocked, so that a test can see what
+// the threads the body starts inherit; returns once that thread has ended.
+inline void runOnMarkedThread(const char* name, const std::function<void()>& body) {
+  std::thread marked([&] {
+    pthread_setname_np(pthread_self(), name);
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+    body();
+  });
+  marked.join();
+}
+
 inline sockaddr_in loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -178,7 +249,9 @@ struct Record {
   int deleted = 0;
   // Optional reaction to each message (runs on the receiving thread).
   std::function<void(mosk::kelvo::ITcpSocket*, const char*, int)> onMessage;
-  // Optional reaction to onConnected / onDisconnected.
+  // Optional reaction to newInstance (on the thread that creates the socket), onConnected and
+  // onDisconnected.
+  std::function<void(mosk::kelvo::ITcpSocket*)> onNewInstanceHook;
   std::function<void(mosk::kelvo::ITcpSocket*)> onConnectedHook;
   std::function<void(mosk::kelvo::ITcpSocket*)> onDisconnectedHook;
 
@@ -221,6 +294,7 @@ class RecordingCallback : public mosk::kelvo::TcpCallback {
     ++record_->deleted;
   }
   TcpCallback* newInstance(mosk::kelvo::ITcpSocket* socket) override {
+    if (record_->onNewInstanceHook) record_->onNewInstanceHook(socket);
     std::lock_guard<std::mutex> lock(record_->mutex);
     ++record_->instances;
     record_->sockets.push_back(socket);

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "mosk/kelvo/cycles.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
+#include "mosk/kelvo/trace_task_names.h"
 #include "thread_test_support.h"
 
 namespace mosk::kelvo {
@@ -184,7 +186,7 @@ TEST_F(TraceJsonTest, PassesAndTaskRunsAreSlicesNamedAfterTheirTasks) {
   EXPECT_EQ(events[2].at("args").at("text"), "Task[0] <<<<<<<< end 0");
 }
 
-TEST_F(TraceJsonTest, WithoutANamerTaskSlicesAreNamedByPosition) {
+TEST_F(TraceJsonTest, RunsRecordedWithoutATaskAndWithoutANamerAreNamedByPosition) {
   Buffer* buffer = ring("loop");
   buffer->record(1000, kPass, 1);
   buffer->record(1100, kTaskStart, 0);
@@ -193,6 +195,124 @@ TEST_F(TraceJsonTest, WithoutANamerTaskSlicesAreNamedByPosition) {
   ASSERT_EQ(events.size(), 4u);
   EXPECT_EQ(events[1].at("ph"), "B");
   EXPECT_EQ(events[1].at("name"), "Task[0]");
+}
+
+// A task's run as the loop records it: its position and its identifier.
+void recordRun(Buffer* buffer, uint64_t start, uint64_t end, uint32_t index, uint64_t taskId) {
+  const uint32_t low = TraceTaskNames::lowWord(taskId);
+  const uint32_t high = TraceTaskNames::highWord(taskId);
+  buffer->record(start, kTaskStart, index, 0, low, high);
+  buffer->record(end, kTaskEnd, index, 0, low, high);
+}
+
+// A pass at `at` running `taskIds` in that order, 0.1 us apart.
+void recordPass(Buffer* buffer, uint64_t at, const std::vector<uint64_t>& taskIds) {
+  buffer->record(at, kPass, static_cast<uint32_t>(taskIds.size()));
+  for (uint32_t i = 0; i < taskIds.size(); ++i) {
+    recordRun(buffer, at + 100 + 200 * i, at + 200 + 200 * i, i, taskIds[i]);
+  }
+}
+
+// Names of the begun slices, in order.
+std::vector<std::string> sliceNames(const std::vector<json>& events) {
+  std::vector<std::string> names;
+  for (const json& event : events) {
+    if (event.at("ph") == "B") names.push_back(event.at("name").get<std::string>());
+  }
+  return names;
+}
+
+// Task names for the identifiers of one test, taken back when it ends.
+class NamedTasks {
+ public:
+  ~NamedTasks() {
+    for (uint64_t id : ids_) TraceTaskNames::retire(id);
+    TraceTaskNames::prune();
+  }
+  uint64_t add(const std::string& name) {
+    ids_.push_back(0x5000000000000000ull + next_++ * 0x100000001ull);
+    TraceTaskNames::add(ids_.back(), name);
+    return ids_.back();
+  }
+
+ private:
+  uint64_t next_ = 1;
+  std::vector<uint64_t> ids_;
+};
+
+TEST_F(TraceJsonTest, WithoutANamerTaskSlicesAreNamedAfterTheTaskThatRan) {
+  NamedTasks tasks;
+  const uint64_t a = tasks.add("a");
+  const uint64_t b = tasks.add("b");
+  const uint64_t urgent = tasks.add("urgent");
+  Buffer* buffer = ring("loop");
+  recordPass(buffer, 1000, {a, b});
+  recordPass(buffer, 2000, {urgent, a, b});  // "urgent" in front: the others move on
+  recordPass(buffer, 3000, {urgent, b});     // "a" left: same length as the first pass
+  const std::vector<json> events = timedEvents(render({buffer}));
+  expectBalancedSlices(events);
+  EXPECT_EQ(sliceNames(events),
+            (std::vector<std::string>{"Task FRAME ++++++++++ started, 2 tasks", "a", "b",
+                                      "Task FRAME ++++++++++ started, 3 tasks", "urgent", "a", "b",
+                                      "Task FRAME ++++++++++ started, 2 tasks", "urgent", "b"}));
+  // The event's own text, with the position, stays in the slice's arguments.
+  EXPECT_EQ(events[1].at("args").at("text"), "Task[0] >>>>>>>> started");
+  EXPECT_EQ(events[2].at("args").at("text"), "Task[0] <<<<<<<< end 0");
+}
+
+TEST_F(TraceJsonTest, ANamerOverridesTheTaskNameWhereItGivesOne) {
+  NamedTasks tasks;
+  const uint64_t a = tasks.add("a");
+  const uint64_t b = tasks.add("b");
+  Buffer* buffer = ring("loop");
+  recordPass(buffer, 1000, {a, b});
+  const auto namer = [](const std::string&, uint32_t index, uint32_t) {
+    return index == 0 ? std::string("from namer") : std::string();
+  };
+  EXPECT_EQ(
+      sliceNames(timedEvents(render({buffer}, namer))),
+      (std::vector<std::string>{"Task FRAME ++++++++++ started, 2 tasks", "from namer", "b"}));
+}
+
+TEST_F(TraceJsonTest, RunsWithoutAKnownTaskAreNamedByPosition) {
+  NamedTasks tasks;
+  const uint64_t unnamed = tasks.add("");
+  Buffer* buffer = ring("loop");
+  // Recorded without an identifier, with one that has no name kept, with an empty name.
+  recordPass(buffer, 1000, {0, 0x4fffffffffffffffull, unnamed});
+  EXPECT_EQ(sliceNames(timedEvents(render({buffer}))),
+            (std::vector<std::string>{"Task FRAME ++++++++++ started, 3 tasks", "Task[0]",
+                                      "Task[1]", "Task[2]"}));
+}
+
+// A task's name is the one it had when it was added to its thread, even if it renames itself.
+TEST_F(TraceJsonTest, ARunCarriesTheNameItsTaskHadWhenAdded) {
+  auto task = std::make_shared<RealTimeTaskInternal>("as added", nullptr, 0, 100);
+  auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, nullptr, false);
+  task->name = "renamed later";
+  Buffer* buffer = ring("loop");
+  recordPass(buffer, 1000, {wrapper->serial});
+  EXPECT_EQ(sliceNames(timedEvents(render({buffer}))),
+            (std::vector<std::string>{"Task FRAME ++++++++++ started, 1 tasks", "as added"}));
+}
+
+TEST_F(TraceJsonTest, AnEndClosesOnlyTheRunOfTheSameTask) {
+  NamedTasks tasks;
+  const uint64_t a = tasks.add("a");
+  const uint64_t b = tasks.add("b");
+  Buffer* buffer = ring("loop");
+  buffer->record(1000, kTaskStart, 0, 0, TraceTaskNames::lowWord(a), TraceTaskNames::highWord(a));
+  // Same position, another task: its start was overwritten, so this end is an instant.
+  buffer->record(1100, kTaskEnd, 0, 5, TraceTaskNames::lowWord(b), TraceTaskNames::highWord(b));
+  buffer->record(1200, kTaskEnd, 0, 6, TraceTaskNames::lowWord(a), TraceTaskNames::highWord(a));
+  const std::vector<json> events = timedEvents(render({buffer}));
+  expectBalancedSlices(events);
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0].at("name"), "a");
+  EXPECT_EQ(events[1].at("ph"), "i");
+  EXPECT_EQ(events[1].at("name"), "Task[0] <<<<<<<< end 5");
+  EXPECT_EQ(events[2].at("ph"), "E");
+  EXPECT_DOUBLE_EQ(events[2].at("ts").get<double>(), 0.2);
 }
 
 TEST_F(TraceJsonTest, SlicesOpenAtTheEndOfTheRingAreClosedAtItsLastEvent) {
@@ -329,6 +449,97 @@ TEST(TraceJsonPeriodicThreadTest, ALoopsTraceShowsPassesAndTaskRunsOnItsThreadsT
   EXPECT_GE(begins["alpha"], 4);
   EXPECT_GE(begins["beta"], 4);
   EXPECT_GE(begins["Task FRAME ++++++++++ started, 2 tasks"], 4);
+}
+
+// A priority thread whose task list changes while it is traced: a task added in front, one
+// removed, another added in its place (so two lists of the same length follow each other). Each
+// task records a marker inside its run, and every marker must lie inside a slice named after the
+// task that recorded it.
+TEST(TraceJsonPeriodicThreadTest, EveryRunIsNamedAfterItsTaskWhileTheListChanges) {
+  KELVO_REQUIRE_SCHED_FIFO();
+  TraceTaskNames::prune();
+  const size_t namesBefore = TraceTaskNames::size();
+  static const char kMarker[] = "marker of %u";
+  const std::vector<std::string> names = {"alpha", "beta", "gamma", "urgent", "delta"};
+  enum : uint32_t { kAlpha, kBeta, kGamma, kUrgent, kDelta };
+  std::atomic<int> runs[5] = {};
+  {
+    PeriodicThread thread(2000, "names-loop", ScheduleMethod::Priority, -1, 10);
+    ASSERT_EQ(thread.getCreationError(), 0);
+    const auto add = [&](uint32_t task, int priority) {
+      thread.addTask(
+          names[task],
+          [&runs, task] {
+            TimeTrace::record(kMarker, task);
+            runs[task].fetch_add(1);
+          },
+          priority, 1000000);
+    };
+    const auto runsOf = [&](uint32_t task, int atLeast) {
+      return test_support::waitFor([&] { return runs[task].load() >= atLeast; });
+    };
+    add(kAlpha, 50);
+    add(kBeta, 30);
+    add(kGamma, 10);
+    thread.setTraceEnabled(true);
+    thread.start(0);
+    bool ran = runsOf(kGamma, 3);  // alpha, beta, gamma
+    add(kUrgent, 90);
+    ran = ran && runsOf(kUrgent, 3);  // urgent, alpha, beta, gamma
+    EXPECT_EQ(thread.deleteTask("beta"), 1);
+    thread.waitForNextCycle();
+    const int alphaRuns = runs[kAlpha].load();
+    ran = ran && runsOf(kAlpha, alphaRuns + 3);  // urgent, alpha, gamma
+    add(kDelta, 30);
+    ran = ran && runsOf(kDelta, 3);  // urgent, alpha, delta, gamma
+    thread.stop();
+    thread.join();
+    ASSERT_TRUE(ran) << "the tasks did not run in time";
+  }
+  // Every task has left (the thread is gone), but the loop's ring still shows them all.
+  TraceTaskNames::prune();
+  const json trace = json::parse(TimeTrace::getTraceJson());
+  int tid = 0;
+  for (const auto& [id, name] : trackNames(trace)) {
+    if (name == "names-loop") tid = id;
+  }
+  ASSERT_NE(tid, 0) << trace.dump();
+  std::vector<json> events;
+  for (const json& event : timedEvents(trace)) {
+    if (event.at("tid") == tid) events.push_back(event);
+  }
+  expectBalancedSlices(events);
+
+  std::vector<std::string> open;  // names of the slices open at each event
+  std::map<std::string, int> markers;
+  std::map<std::string, std::set<std::string>> positions;  // task -> "Task[i]" texts it ran as
+  for (const json& event : events) {
+    const std::string phase = event.at("ph");
+    if (phase == "B") {
+      const std::string name = event.at("name");
+      open.push_back(name);
+      ASSERT_EQ(name.rfind("Task[", 0), std::string::npos) << "a run named by position";
+      if (name.rfind("Task FRAME", 0) != 0) positions[name].insert(event.at("args").at("text"));
+    } else if (phase == "E") {
+      open.pop_back();
+    } else if (event.at("name").get<std::string>().rfind("marker of ", 0) == 0) {
+      const std::string task = names.at(std::stoul(event.at("name").get<std::string>().substr(10)));
+      ASSERT_FALSE(open.empty()) << "marker of " << task << " outside every slice";
+      EXPECT_EQ(open.back(), task) << "at " << event.at("ts");
+      ++markers[task];
+    }
+  }
+  for (const std::string& name : names) EXPECT_GE(markers[name], 3) << name;
+  // Positions shifted under the names: alpha ran first, then second; beta and delta both ran
+  // third in a pass of four.
+  EXPECT_EQ(positions["alpha"],
+            (std::set<std::string>{"Task[0] >>>>>>>> started", "Task[1] >>>>>>>> started"}));
+  EXPECT_EQ(positions["beta"],
+            (std::set<std::string>{"Task[1] >>>>>>>> started", "Task[2] >>>>>>>> started"}));
+  EXPECT_EQ(positions["delta"], (std::set<std::string>{"Task[2] >>>>>>>> started"}));
+  // The merge has printed and freed the ended thread's ring: nothing shows the tasks now.
+  TraceTaskNames::prune();
+  EXPECT_EQ(TraceTaskNames::size(), namesBefore);
 }
 
 }  // namespace

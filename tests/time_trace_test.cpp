@@ -495,6 +495,55 @@ TEST_F(TimeTraceTest, PrintRestoresReaderCounts) {
   EXPECT_EQ(b->readerCount.load(), 0);
 }
 
+// A pass of the periodic loop as it records it: the formats and arguments it has always
+// printed, plus, when `taskIds` is set, the running task's identifier in the two arguments the
+// formats leave unprinted (arg2 low word, arg3 high word).
+void recordLoopPass(Buffer* ring, bool taskIds) {
+  const uint32_t low = taskIds ? 0x89abcdefu : 0;
+  const uint32_t high = taskIds ? 0x01234567u : 0;
+  ring->record(1000, "Task FRAME ++++++++++ started, %d tasks", 2);
+  ring->record(1250, "Task[%d] >>>>>>>> started", 0, 0, low, high);
+  ring->record(1500, "marker %u", 7);
+  ring->record(2750, "Task[%d] <<<<<<<< end %d", 0, 41, low, high);
+  ring->record(3000, "Task[%d] >>>>>>>> started", 1, 0, low + 1, high);
+  ring->record(12345, "Task[%d] <<<<<<<< end %d", 1, 4294967295u, low + 1, high);
+}
+
+constexpr char kLoopPassText[] =
+    "CYCLES_PER_SECOND 1000000000.000000\nSTART_CYCLES 1000\n"
+    "\n"
+    "     0.0 us (+   0.0 us): Task FRAME ++++++++++ started, 2 tasks\n"
+    "     0.2 us (+   0.2 us): Task[0] >>>>>>>> started\n"
+    "     0.5 us (+   0.2 us): marker 7\n"
+    "     1.8 us (+   1.2 us): Task[0] <<<<<<<< end 41\n"
+    "     2.0 us (+   0.2 us): Task[1] >>>>>>>> started\n"
+    "    11.3 us (+   9.3 us): Task[1] <<<<<<<< end -1";
+
+constexpr char kLoopPassFile[] =
+    "CYCLES_PER_SECOND 1000000000.000000\nSTART_CYCLES 1000\n"
+    "     0.0 us (+   0.0 us): Task FRAME ++++++++++ started, 2 tasks\n"
+    "     0.2 us (+   0.2 us): Task[0] >>>>>>>> started\n"
+    "     0.5 us (+   0.2 us): marker 7\n"
+    "     1.8 us (+   1.2 us): Task[0] <<<<<<<< end 41\n"
+    "     2.0 us (+   0.2 us): Task[1] >>>>>>>> started\n"
+    "    11.3 us (+   9.3 us): Task[1] <<<<<<<< end -1\n";
+
+// The task identifiers the loop records for the trace viewer change nothing in the text trace:
+// both forms are byte for byte what they were without them.
+TEST_F(TimeTraceTest, TaskIdentifiersLeaveTheTextTraceUnchanged) {
+  Buffer* plain = newRing();
+  recordLoopPass(plain, false);
+  EXPECT_EQ(plain->getTrace(), kLoopPassText);
+  Buffer* identified = newRing();
+  recordLoopPass(identified, true);
+  EXPECT_EQ(identified->getTrace(), kLoopPassText);
+  testing::internal::CaptureStdout();
+  plain->print();
+  identified->print();
+  const std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(printed, std::string(kLoopPassFile) + kLoopPassFile);
+}
+
 // Recording and printing on different threads at once: every print is well formed and shows
 // each ring's events in recording order. Run under ThreadSanitizer, this also shows that the
 // protocol has no data race.

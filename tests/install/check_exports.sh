@@ -6,11 +6,19 @@ lib="$1"
 unexpected=$(nm -D --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' |
   sed -E 's/@@?KELVO_[0-9.]+$//' |
   c++filt |
-  grep -vE '^(mosk::kelvo::|typeinfo for mosk::kelvo::|typeinfo name for mosk::kelvo::|vtable for mosk::kelvo::|VTT for mosk::kelvo::|(non-)?virtual thunk to mosk::kelvo::|TLS (init|wrapper) function for mosk::kelvo::|guard variable for mosk::kelvo::)' |
+  grep -vE '^((typeinfo|typeinfo name|vtable|VTT|guard variable|TLS init function|TLS wrapper function) for |(non-virtual|virtual|covariant return) thunk to )?mosk::kelvo::' |
   grep -vE '^(aco_[a-z0-9_]+|acosw|shm_[a-z_]+(\(.*\))?|MD5(Init|Update|Final|Transform)\(.*\)|byteSwap\(.*\)|gettid\(\)|KELVO_[0-9.]+)$' || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exported symbols:"
   echo "$unexpected"
+  exit 1
+fi
+# A class's private implementation (PrivateData, nested in an exported class and so exported by
+# default) must stay hidden: its members are internals that would otherwise become ABI.
+internals=$(nm -D --defined-only -C "$lib" | grep -E '::PrivateData(::|[^A-Za-z0-9_]|$)' || true)
+if [ -n "$internals" ]; then
+  echo "exported symbols of a private implementation (mark it hidden):"
+  echo "$internals"
   exit 1
 fi
 # Every exported symbol carries the ABI's version node.

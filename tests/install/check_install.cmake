@@ -1,5 +1,6 @@
 # Installs the built library into a scratch prefix, then configures, builds and runs a small
-# consumer project against it, once through find_package(kelvo) and once through pkg-config.
+# consumer project against it, once through find_package(kelvo) and once through pkg-config,
+# and a consumer that derives from every polymorphic class of the installed library.
 file(REMOVE_RECURSE "${WORK_DIR}")
 set(prefix "${WORK_DIR}/prefix")
 
@@ -14,6 +15,7 @@ foreach(file include/mosk/kelvo.h include/mosk/kelvo/cycles.h lib/libkelvo.so.0
 endforeach()
 
 check_consumer("${prefix}" "${prefix}/lib")
+check_deriving_consumer("${prefix}" "${prefix}/lib/libkelvo.so.0")
 
 # A plug-in built by an outside project with kelvo_add_plugin() and KELVO_PLUGIN, against the
 # installed headers alone, loads into a host built against the installed library.

@@ -1,6 +1,7 @@
 # Builds the Debian packages from the build tree, checks their names and dependencies, extracts
 # them into a scratch root (dpkg-deb -x) and builds and runs the consumer project against that
-# root, through find_package(kelvo) and through pkg-config. lintian, when installed, must
+# root, through find_package(kelvo) and through pkg-config, and the consumer that derives from
+# every polymorphic class of the packaged library. lintian, when installed, must
 # report no errors.
 cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE "${WORK_DIR}")
@@ -44,6 +45,7 @@ endforeach()
 # The consumer project against the extracted root.
 set(ENV{LD_LIBRARY_PATH} "${root}/usr/lib")
 check_consumer("${root}/usr" "${root}/usr/lib")
+check_deriving_consumer("${root}/usr" "${root}/usr/lib/libkelvo.so.0")
 # A packaged tool finds the packaged library beside it, without LD_LIBRARY_PATH.
 unset(ENV{LD_LIBRARY_PATH})
 run(${CMAKE_COMMAND} -E env LD_TRACE_LOADED_OBJECTS=1 "${root}/usr/bin/kelvo-check")

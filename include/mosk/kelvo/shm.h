@@ -42,7 +42,12 @@
 //    shm_timedwait on the segment: destroying the condition waits for its waiters to leave. It
 //    clears magic first, so no new wait starts; wake the waiters already inside (shm_timedwait
 //    ends by itself; for shm_wait, broadcast on the condition until the removal returns, as
-//    kelvo-topics rm does), or stop them before removing.
+//    kelvo-topics rm does), or stop them before removing. A process killed while inside
+//    shm_wait or shm_timedwait never leaves: shm_rm_by_topic then never returns (the magic is
+//    cleared and the mutexes destroyed, but the segment is not marked for removal and the key
+//    file stays). Remove such a topic with `kelvo-topics rm --force NAME`, which marks the
+//    segment for removal and deletes the key file without touching the condition (or by hand:
+//    `ipcrm -m <SHMID>` from `kelvo-topics`, then delete /tmp/topics/NAME/shmkey).
 //
 // shm_timedwait with a timeout of 0 or less: the deadline is one that has already passed, so
 // the wait times out at once (ETIMEDOUT, with its message) unless it is woken in the instant it

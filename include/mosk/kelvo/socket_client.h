@@ -32,25 +32,41 @@
 // onStopped. The destructor calls stop(true) and never deletes the callback: the application
 // owns it (getTcpCallback()).
 //
+// The receiving thread has a stack of kTcpThreadStackSize (256 KiB) unless setThreadStackSize
+// chose another size before connect; the callbacks may use up to the size less 16 KiB (the
+// thread's static TLS and the library's frames lie above them). connect allocates the receive
+// buffer before it starts the thread, and the thread allocates nothing itself: under
+// mlockall(MCL_FUTURE) a client costs its stack and guard page in locked memory (about 270 KiB
+// of VmLck), plus a heap arena only if a callback allocates (see socket_server.h, "Locked
+// memory").
+//
 // Threading: onConnected runs on the receiving thread under the client's mutex (so it must
-// not call connect or stop); the other
-// events on the receiving thread without it; onUpdate on the caller of update(). send may be
-// called from any thread, including the callbacks.
+// not call connect or stop); the other events on the receiving thread without it; onUpdate on
+// the caller of update(). send may be called from any thread, including the callbacks.
+//
+// Deriving from SocketClient: the receiving thread calls the callback only, never a virtual
+// function of the client, so overrides (getState, getFd, ...) run on the application's threads
+// and a derived client may be destroyed while connected: its destructor runs before the base
+// destructor's stop(true) ends the receiving thread, without a race.
 #ifndef MOSK_KELVO_SOCKET_CLIENT_H_
 #define MOSK_KELVO_SOCKET_CLIENT_H_
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <thread>  // unused here since the threads got bounded stacks; kept for includers
 
 #include "mosk/kelvo/export.h"
 #include "mosk/kelvo/socket_interface.h"
 
 namespace mosk {
 namespace kelvo {
+
+class SocketThread;
 
 class KELVO_EXPORT SocketClient : public ITcpClient, public ITcpSocket {
  public:
@@ -74,6 +90,13 @@ class KELVO_EXPORT SocketClient : public ITcpClient, public ITcpSocket {
   void setRecvPolicy(const TcpReceivePolicy& policy) override;  // stored, never consulted
   TcpCallback* getTcpCallback() const override;
 
+  // Additions. The receiving thread's stack for the next connect, rounded up to whole pages;
+  // 0 restores the platform's default (what std::thread gives: RLIMIT_STACK, usually 8 MiB).
+  // Returns 0, or -1 for a size below kTcpMinThreadStackSize (64 KiB), which leaves the
+  // setting unchanged. A size the system cannot provide makes connect throw std::system_error.
+  int setThreadStackSize(size_t bytes);
+  size_t getThreadStackSize() const;  // kTcpThreadStackSize until set
+
  private:
   void receivingLoop();
   void end();
@@ -92,11 +115,15 @@ class KELVO_EXPORT SocketClient : public ITcpClient, public ITcpSocket {
   mutable std::mutex errorMutex_;  // guards lastError_ only
   std::string lastError_;
   std::atomic<TcpReceivePolicy> policy_{TcpReceivePolicy::Raw};
-  std::thread* thread_ = nullptr;
+  SocketThread* thread_ = nullptr;
   TcpCallback* callback_ = nullptr;
   std::mutex mutex_;
   std::condition_variable condition_;
   std::mutex fdMutex_;  // orders shutdown against close, so a reused number is never shut down
+  std::atomic<size_t> threadStackSize_{kTcpThreadStackSize};
+  // Allocated by the first connect, before the receiving thread starts, and kept until the
+  // client is destroyed: the receiving thread never allocates.
+  std::unique_ptr<char[]> buffer_;
 };
 
 }  // namespace kelvo

@@ -43,6 +43,17 @@ enum class TcpReceivePolicy : int32_t { LengthPrefixed = 0, Lines = 1, Raw = 2 }
 // Connected (listening), Stopped (accepting ended).
 enum class TcpState : int32_t { Idle = 0, Connected = 1, Disconnected = 2, Stopped = 3 };
 
+// Stack size of every thread the TCP classes start (a server's accepting thread, each server
+// connection's receiving thread, a client's receiving thread) unless setThreadStackSize
+// (SocketServer, SocketClient) chose another before bind or connect. The stack also holds the
+// thread's static TLS and the library's own frames; what is left for newInstance (on the
+// accepting thread) and the callbacks is given in socket_server.h. Under
+// mlockall(MCL_FUTURE) every byte of it is locked and resident for as long as the thread
+// exists, which is why it is not the platform's default (8 MiB on most systems).
+constexpr size_t kTcpThreadStackSize = 256 * 1024;
+// The smallest stack setThreadStackSize accepts (0 aside, which means the platform's default).
+constexpr size_t kTcpMinThreadStackSize = 64 * 1024;
+
 class ITcpSocket;
 
 class KELVO_EXPORT TcpCallback {

@@ -41,20 +41,55 @@
 // - Raw: every receive (at most 4096 bytes) as it is.
 // Other policy values make the loop receive nothing and spin until stopped.
 //
+// Threads and their stacks: bind starts the accepting thread (newInstance runs there) and each
+// accepted connection starts its receiving thread (onConnected, onReceived, onDisconnected,
+// onStopped run there). Each has a stack of kTcpThreadStackSize (256 KiB) unless
+// setThreadStackSize chose another size before bind. The thread's static TLS and the
+// library's frames (with the 4 KiB receive buffer) lie above a callback: about 10 KiB on a
+// receiving thread, 6 KiB on the accepting thread, more if the program has large thread_local
+// objects; an echo or a diagnostic answer built from a few strings reaches 13 KiB deep in all.
+// newInstance and the callbacks may use up to the size less 16 KiB (240 KiB by default): keep
+// large buffers in the callback object or on the heap, allocated in newInstance or earlier,
+// not in local arrays and not on the receiving thread (see "Locked memory" below). Running
+// past the end of the stack ends the process (it hits the guard page). Under ThreadSanitizer,
+// which keeps about 0.8 MiB of its own at the top of every thread's stack, ask for 1 MiB more.
+//
+// Locked memory: under mlockall(MCL_CURRENT | MCL_FUTURE) each connection locks its stack and
+// guard page (260 KiB of VmLck, 256 KiB resident) and the few KiB its objects take on the
+// heap; with the platform's 8 MiB stack it was 8 MiB resident per connection. The library
+// allocates nothing on a receiving thread. A thread that does allocate (the accepting thread,
+// because newInstance returns a new object; a callback that builds strings) gets a heap arena
+// of its own from glibc (up to 8 arenas per core): 64 MiB of locked address space (VmLck,
+// which counts against RLIMIT_MEMLOCK) and 132 KiB resident each. Calling
+// mallopt(M_ARENA_MAX, 1) at start-up, before any thread starts, keeps every thread in the
+// main heap; the library never changes that setting itself.
+//
+// Connection limit: setConnectionLimit(n) bounds the connections in the list (connected, or
+// finished and not yet reaped by update/dump); a connection arriving while n are listed is
+// accepted and closed at once (the peer reads end of file), without newInstance or a thread,
+// and counted by getRefusedConnectionCount(). The default, 0, is unlimited.
+//
 // Threading: the accepting thread constructs connections (newInstance runs there) and appends
 // them to the list; update, dump, stop, join and shutdown belong to one application thread.
 // onDisconnected, onStopped and onUpdate run under the connection's recursive state lock, so
 // they may call getState or send on the same connection; onConnected and onReceived run
 // without it. The flags, states and the list are safe to read from any thread.
+//
+// Deriving from SocketClientProxy or SocketServer: the receiving and accepting threads call the
+// callbacks only, never a virtual function of the connection itself, so overrides run on the
+// application's threads, and a derived connection's constructor and destructor never race
+// with its receiving thread (which starts inside SocketClientProxy's constructor).
 #ifndef MOSK_KELVO_SOCKET_SERVER_H_
 #define MOSK_KELVO_SOCKET_SERVER_H_
 
 #include <netinet/in.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <thread>  // unused here since the threads got bounded stacks; kept for includers
 #include <vector>
 
 #include "mosk/kelvo/export.h"
@@ -63,12 +98,19 @@
 namespace mosk {
 namespace kelvo {
 
+class SocketThread;
+
 // One accepted connection. Owns the descriptor (closed by its receiving loop), its callback
 // (deleted with it) and its receiving thread.
 class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
  public:
-  // Asks prototype->newInstance(this) for the callback, then starts receiving.
+  // Asks prototype->newInstance(this) for the callback, then starts receiving on a thread with
+  // a stack of kTcpThreadStackSize.
   SocketClientProxy(const int& fd, TcpCallback* prototype);
+  // The same with a receiving thread's stack of threadStackSize bytes (0: the platform's
+  // default; the server passes its setThreadStackSize value). If the thread cannot start, the
+  // callback is deleted again and std::system_error is thrown; fd stays open.
+  SocketClientProxy(const int& fd, TcpCallback* prototype, size_t threadStackSize);
   // stop(true), join the receiving thread, delete the callback.
   ~SocketClientProxy() override;
   SocketClientProxy(const SocketClientProxy&) = delete;
@@ -93,11 +135,11 @@ class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
   void receivingLoop();
   void receiveRaw(char* buffer, bool& ended);
   void receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended);
-  void receiveLines(char* buffer, std::string& accumulator, bool& ended);
+  void receiveLines(char* buffer, bool& ended);
   void finish();
   void setLastError(const std::string& text);
 
-  std::thread* thread_ = nullptr;
+  SocketThread* thread_ = nullptr;
   TcpCallback* callback_ = nullptr;
   std::atomic<bool> running_{true};
   std::atomic<int> fd_;
@@ -107,6 +149,9 @@ class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
   mutable std::mutex errorMutex_;  // guards lastError_ only
   std::string lastError_;
   std::mutex fdMutex_;  // orders shutdown against close, so a reused number is never shut down
+  // The Lines accumulator, reserved for one whole receive by the constructor so that the
+  // receiving thread never allocates.
+  std::string lines_;
 };
 
 class KELVO_EXPORT SocketServer : public ITcpServer {
@@ -136,13 +181,33 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   // joins it and deletes every connection (their callbacks' onDisconnected or onStopped run on
   // their own threads first). Returns 0; safe to call twice, or on a server never bound.
   int shutdown();
-  // The strerror text of the last failed bind, listen or accept.
+  // The strerror text of the last failed bind, listen or accept, or of a connection thread
+  // that could not start.
   std::string getLastError() const;
   // The port the server listens on (host order), or 0: useful after bind(..., 0).
   int getPort() const;
+  // The stack of the threads this server starts from now on: the accepting thread (at bind)
+  // and each connection's receiving thread. Rounded up to whole pages; 0 restores the
+  // platform's default (what std::thread gives: RLIMIT_STACK, usually 8 MiB). Returns 0, or -1
+  // for a size below kTcpMinThreadStackSize (64 KiB), which leaves the setting unchanged. Set
+  // it before bind; a change after bind applies to the connections accepted afterwards. A
+  // size the system cannot provide makes bind throw std::system_error, and makes each
+  // connection be closed and counted as refused (getLastError() says why).
+  int setThreadStackSize(size_t bytes);
+  size_t getThreadStackSize() const;  // kTcpThreadStackSize until set
+  // At most `maximum` connections in the list (0, the default: no limit). A connection that
+  // arrives while `maximum` are listed is closed at once and counted. Takes effect at the next
+  // accept; call update() to reap finished connections and make room.
+  void setConnectionLimit(size_t maximum);
+  size_t getConnectionLimit() const;
+  // Connections closed at once on arrival since construction: past the connection limit, or
+  // because their receiving thread could not start.
+  uint64_t getRefusedConnectionCount() const;
 
  private:
   void acceptingLoop();
+  void acceptConnection(int fd);
+  bool atConnectionLimit() const;
   void setLastError(const char* text);
   SocketClientProxy* entryAt(size_t index) const;
   void eraseAt(size_t index);
@@ -151,7 +216,7 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
 
   std::atomic<int> listenFd_{-1};
   std::atomic<bool> running_{true};
-  std::thread* thread_ = nullptr;
+  SocketThread* thread_ = nullptr;
   sockaddr_in address_{};
   // The accepting thread appends while the application thread reads and removes; the lock is
   // held only for those vector operations, never across a callback or a join.
@@ -162,8 +227,11 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   mutable std::mutex errorMutex_;
   std::string lastError_;
   // Accepting threads and listening sockets of earlier binds, ended only by shutdown().
-  std::vector<std::thread*> retiredThreads_;
+  std::vector<SocketThread*> retiredThreads_;
   std::vector<int> retiredListenFds_;
+  std::atomic<size_t> threadStackSize_{kTcpThreadStackSize};
+  std::atomic<size_t> connectionLimit_{0};
+  std::atomic<uint64_t> refusedConnections_{0};
 };
 
 // Prompt shutdown through the interface: SocketServer::shutdown() when `server` is a

@@ -136,9 +136,12 @@ class KELVO_EXPORT RealTimeTaskWrapper : public RealTimeTaskApi {
  public:
   enum RunState : int32_t { kReady = 0, kRunning = 1, kDone = 2 };
 
+  // Asks the task for getName() once, and keeps that name for the trace viewer under `serial`
+  // (TraceTaskNames): the task's runs are named after it on the timeline.
   RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco_coroutine* mainCo, bool runOnce);
   // Frees the task's coroutine and share stack. A task that was suspended in the middle of
-  // execute() is discarded without unwinding its stack.
+  // execute() is discarded without unwinding its stack. Retires the task's trace name, which
+  // stays while a time-trace ring still shows the task's runs.
   ~RealTimeTaskWrapper() override;
   RealTimeTaskWrapper(const RealTimeTaskWrapper&) = delete;
   RealTimeTaskWrapper& operator=(const RealTimeTaskWrapper&) = delete;
@@ -165,7 +168,8 @@ class KELVO_EXPORT RealTimeTaskWrapper : public RealTimeTaskApi {
   std::atomic<bool> deleteFlag{false};
   // Set by the loop when it purges a flagged wrapper; registry calls then forget it.
   std::atomic<bool> purged{false};
-  // Unique per process, never reused: names the task the loop ran last.
+  // Unique per process, never reused: names the task the loop ran last, and the task of every
+  // run in the time trace.
   const uint64_t serial;
 };
 
@@ -295,7 +299,9 @@ class KELVO_EXPORT PeriodicThread {
   // few attempts and returns empty if the loop completed two newer messages during each; the
   // next call then reads the newest.
   std::string getErrorString();
-  // Records "Task FRAME ..." and "Task[i] ..." events into the thread's time-trace ring.
+  // Records "Task FRAME ..." and "Task[i] ..." events into the thread's time-trace ring. Each
+  // "Task[i]" event also carries the running task's serial in two arguments its text does not
+  // print, so that TimeTrace::getTraceJson() names the run after its task.
   void setTraceEnabled(bool enabled);
   // The merged time trace of every ring in the process (TimeTrace::getTrace()).
   std::string getTrace() const;

@@ -62,9 +62,13 @@
 // its thread; timestamps are microseconds since the start time, so the first event is at 0;
 // each event's formatted text is its name. The periodic thread's events become slices: a pass
 // runs from its "Task FRAME ..." event to its last task's end (or the next pass), a task run
-// from "Task[i] >>>>>>>> started" to its "<<<<<<<< end" event, named after the task when a
-// TaskNamer knows it, else "Task[i]". A run or pass still open where the ring's events end is
-// closed at its ring's last event. Texts are escaped (quotes, backslashes, control characters;
+// from "Task[i] >>>>>>>> started" to its "<<<<<<<< end" event. A run is named after the task that
+// ran, whatever its position i: the loop records the task's identifier in the two arguments these
+// formats do not print, and TraceTaskNames (trace_task_names.h) keeps the name the task had when
+// it was added to its thread. A TaskNamer, when given, overrides that name wherever it returns
+// one; a run recorded without an identifier, or whose task's name is no longer kept, is named
+// "Task[i]". A run or pass still open where the ring's events end is closed at its ring's last
+// event. Texts are escaped (quotes, backslashes, control characters;
 // bytes that are not UTF-8 become U+FFFD). A ring's thread name is read (pthread_getname_np)
 // when the ring is created and again when its thread lets go of it, because threads are often
 // named just after they start. Reading a trace as JSON suppresses recording like any print.
@@ -170,10 +174,11 @@ class KELVO_EXPORT TimeTrace {
   // Sets the file that print() appends to; null or empty means standard output.
   static void setOutputFileName(const char* name);
 
-  // Names a task run in getTraceJson(): given the recording thread's name, the task's position
-  // among the tasks of its pass (the i of "Task[i]") and the number of tasks in that pass,
-  // returns the task's name, or an empty string to keep "Task[i]". Positions shift when tasks
-  // are added or removed; the pass size tells the lists apart.
+  // Overrides the name of a task run in getTraceJson(): given the recording thread's name, the
+  // task's position among the tasks of its pass (the i of "Task[i]") and the number of tasks in
+  // that pass, returns a name, or an empty string to keep the default (the name of the task that
+  // ran, see above). Positions shift when tasks are added or removed, and two lists of the same
+  // length look alike: without a namer every run is named after its own task already.
   using TaskNamer = std::function<std::string(const std::string& threadName, uint32_t taskIndex,
                                               uint32_t tasksInPass)>;
   // The merged trace of every registered ring as Chrome trace-event JSON (see above).
