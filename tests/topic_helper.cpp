@@ -10,8 +10,8 @@
 //   subscriber TOPIC        connects a Subscriber<Pattern>; commands:
 //                             latest      "latest <sequence> <intact 0|1>" or "latest none"
 //                             alive       "alive <0|1>"
-//   wait TOPIC              a Subscriber that reports "ready", then waits up to 60 s for a
-//                           sample ("woken <0|1>")
+//   wait TOPIC              a Subscriber that reads the newest sample, reports "ready", then
+//                           waits up to 60 s for a newer one ("woken <0|1>")
 //   blast TOPIC N CPU       pinned to CPU, publishes N samples as fast as it can, alternating
 //                           publish() and loan(); "connected", then "done <sequence>"
 //   hold TOPIC N            publishes N samples, one per millisecond, then holds the topic until
@@ -102,6 +102,8 @@ int subscriber(const std::string& topic) {
 int waitOnce(const std::string& topic) {
   Subscriber<Pattern> in(topic);
   if (!connected(in)) return 3;
+  Sample<Pattern> newest;
+  in.latest(newest);
   report("ready");
   report(std::string("woken ") + (in.wait(std::chrono::seconds(60)) ? "1" : "0"));
   return 0;
