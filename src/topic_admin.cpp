@@ -122,6 +122,8 @@ void fillStatus(const TopicHeader* header, TopicStatus& status) {
 
 }  // namespace
 
+std::string topicNameError(const std::string& topic) { return detail::checkTopicName(topic); }
+
 int removeTopic(const std::string& topic, std::string* why) {
   Found found;
   std::string problem;

@@ -178,6 +178,10 @@ KELVO_EXPORT int removeTopic(const std::string& topic, std::string* why = nullpt
 KELVO_EXPORT bool topicStatus(const std::string& topic, TopicStatus& status,
                               std::string* why = nullptr);
 
+// Why `topic` cannot name a topic, in one line naming it; empty when it can (to check names
+// from a configuration before connecting).
+KELVO_EXPORT std::string topicNameError(const std::string& topic);
+
 namespace detail {
 
 struct TopicHeader;
