@@ -32,6 +32,15 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# Waits (up to 30 s) until process $1 sleeps.
+await_sleeping() {
+  for _ in $(seq 1 3000); do
+    grep -q '^State:.*S' "/proc/$1/status" 2>/dev/null && return 0
+    sleep 0.01
+  done
+  return 1
+}
+
 # Waits (up to 30 s) until file $1 holds the line $2.
 await_line() {
   for _ in $(seq 1 3000); do
@@ -106,10 +115,7 @@ waiter_out="/tmp/kelvo_topics_waiter.$$"
 "$helper" wait "$waited" 64 >"$waiter_out" </dev/null &
 waiter_pid=$!
 await_line "$waiter_out" ready || fail "waiter did not start"
-for _ in $(seq 1 3000); do
-  grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
-  sleep 0.01
-done
+await_sleeping "$waiter_pid" || fail "waiter did not sleep"
 timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
 wait "$waiter_pid"
 grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"
@@ -188,10 +194,7 @@ if [ -n "$typed_helper" ]; then
   "$typed_helper" wait "$typed" </dev/null >"$wait_out" &
   wait_pid=$!
   await_line "$wait_out" ready || fail "typed waiter did not start"
-  for _ in $(seq 1 3000); do
-    grep -q '^State:.*S' "/proc/$wait_pid/status" && break
-    sleep 0.01
-  done
+  await_sleeping "$wait_pid" || fail "typed waiter did not sleep"
   timeout 60 "$tool" rm "$typed" || fail "rm of typed topic $typed"
   wait "$wait_pid"
   grep -qx 'woken 0' "$wait_out" || fail "typed waiter not woken by the removal: $(cat "$wait_out")"

@@ -152,12 +152,14 @@ TEST_F(TopicStressTest, NoTornSampleAcrossProcesses) {
   checker.expectClean(processSamples());
 }
 
-TEST_F(TopicStressTest, NoTornSampleAcrossThreads) {
-  const std::string name = topic();
-  Publisher<Pattern> publisher(name);
+// A publisher thread on CPU 0 publishes `count` samples while a reader thread on CPU 1 checks
+// them; then the reader takes the rest.
+template <typename T>
+void publishAndCheckInThreads(const std::string& name, uint32_t depth, uint64_t count) {
+  Publisher<T> publisher(name, TopicOptions{depth});
   ASSERT_TRUE(publisher) << publisher.error();
   std::atomic<bool> done{false};
-  Checker<Pattern> checker(name);
+  Checker<T> checker(name, depth);
   std::thread reader([&] {
     pinTo(1);
     while (!done.load(std::memory_order_acquire)) checker.step();
@@ -165,35 +167,22 @@ TEST_F(TopicStressTest, NoTornSampleAcrossThreads) {
   });
   std::thread writer([&] {
     pinTo(0);
-    publishAlternating(publisher, threadSamples());
+    publishAlternating(publisher, count);
     done.store(true, std::memory_order_release);
   });
   writer.join();
   reader.join();
-  checker.expectClean(threadSamples());
+  checker.expectClean(count);
+}
+
+TEST_F(TopicStressTest, NoTornSampleAcrossThreads) {
+  publishAndCheckInThreads<Pattern>(topic(), 16, threadSamples());
 }
 
 // Large samples in a ring of one: the publisher laps the readers all the time, and every lapped
 // copy must be thrown away, never returned.
 TEST_F(TopicStressTest, LappedReadersNeverReturnATornSample) {
-  const std::string name = topic();
-  Publisher<Big> publisher(name, TopicOptions{1});
-  ASSERT_TRUE(publisher) << publisher.error();
-  std::atomic<bool> done{false};
-  Checker<Big> checker(name, 1);
-  std::thread reader([&] {
-    pinTo(1);
-    while (!done.load(std::memory_order_acquire)) checker.step();
-    checker.drain();
-  });
-  std::thread writer([&] {
-    pinTo(0);
-    publishAlternating(publisher, kBigSamples);
-    done.store(true, std::memory_order_release);
-  });
-  writer.join();
-  reader.join();
-  checker.expectClean(kBigSamples);
+  publishAndCheckInThreads<Big>(topic(), 1, kBigSamples);
 }
 
 }  // namespace

@@ -40,27 +40,18 @@ robot::JointCommand control(const Sample<robot::JointState>& state) {
 int main(int argc, char** argv) {
   const char* program = "kelvo-topic-controller";
   const robot::LoopOptions options = robot::parseLoopOptions(program, argc, argv, "300");
-  if (!robot::mayUseSchedFifo(options.priority)) {
-    std::printf("%s needs SCHED_FIFO: run it as root or grant CAP_SYS_NICE.\n", program);
-    return robot::kNotRunnable;
-  }
-  tcp_example::installSignalHandlers();
+  robot::requireSchedFifo(program, options.priority);
 
   Subscriber<robot::JointState> states(robot::jointStateTopic(options.prefix),
                                        robot::kJointStateOptions);
   Publisher<robot::JointCommand> commands(robot::commandTopic(options.prefix),
                                           robot::kCommandOptions);
-  if (!states || !commands) {
-    std::fprintf(stderr, "%s: %s\n", program,
-                 (!states ? states.error() : commands.error()).c_str());
-    return 1;
-  }
+  if (robot::unconnected(program, states, commands)) return 1;
   robot::ReadFigures figures(static_cast<size_t>(options.seconds) * 1000 + 1000);
 
   PeriodicThread thread(robot::kPeriodUs, "controller", ScheduleMethod::Sequential, options.cpu,
                         options.priority);
   if (thread.getCreationError() != 0) return robot::kNotRunnable;
-  if (options.aligned) thread.setGridOffset(options.offsetUs);
   thread.addTask(
       "control",
       [&] {
@@ -71,16 +62,7 @@ int main(int argc, char** argv) {
         commands.publish(control(state));
       },
       0, 500);
-  std::printf("%s: reading %s at 1 kHz for %ld s, %s\n", program,
-              robot::jointStateTopic(options.prefix).c_str(), options.seconds,
-              options.aligned
-                  ? ("on the grid at offset " + std::to_string(options.offsetUs) + " us").c_str()
-                  : "not aligned");
-  std::fflush(stdout);
-  thread.start(900);
-  robot::runFor(options.seconds);
-  thread.stop();
-  thread.join();
+  robot::runLoop(program, "reading", thread, options);
 
   std::printf("%s: %s; published %llu commands\n", program, figures.summary("joint states").c_str(),
               static_cast<unsigned long long>(commands.published()));

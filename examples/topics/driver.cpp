@@ -48,28 +48,19 @@ int main(int argc, char** argv) {
   const char* program = "kelvo-topic-driver";
   const std::string tracePath = takeTraceOption(&argc, argv);
   const robot::LoopOptions options = robot::parseLoopOptions(program, argc, argv, "0");
-  if (!robot::mayUseSchedFifo(options.priority)) {
-    std::printf("%s needs SCHED_FIFO: run it as root or grant CAP_SYS_NICE.\n", program);
-    return robot::kNotRunnable;
-  }
-  tcp_example::installSignalHandlers();
+  robot::requireSchedFifo(program, options.priority);
 
   Publisher<robot::JointState> states(robot::jointStateTopic(options.prefix),
                                       robot::kJointStateOptions);
   Subscriber<robot::JointCommand> commands(robot::commandTopic(options.prefix),
                                            robot::kCommandOptions);
-  if (!states || !commands) {
-    std::fprintf(stderr, "%s: %s\n", program,
-                 (!states ? states.error() : commands.error()).c_str());
-    return 1;
-  }
+  if (robot::unconnected(program, states, commands)) return 1;
   robot::ReadFigures figures(static_cast<size_t>(options.seconds) * 1000 + 1000);
   robot::JointState state{};
 
   PeriodicThread thread(robot::kPeriodUs, "driver", ScheduleMethod::Sequential, options.cpu,
                         options.priority);
   if (thread.getCreationError() != 0) return robot::kNotRunnable;
-  if (options.aligned) thread.setGridOffset(options.offsetUs);
   if (!tracePath.empty()) {
     thread.setTraceEnabled(true);
     states.setTraceEnabled(true);
@@ -92,16 +83,7 @@ int main(int argc, char** argv) {
         states.publish(state);
       },
       0, 500);
-  std::printf("%s: publishing %s at 1 kHz for %ld s, %s\n", program,
-              robot::jointStateTopic(options.prefix).c_str(), options.seconds,
-              options.aligned
-                  ? ("on the grid at offset " + std::to_string(options.offsetUs) + " us").c_str()
-                  : "not aligned");
-  std::fflush(stdout);
-  thread.start(900);
-  robot::runFor(options.seconds);
-  thread.stop();  // always stop and join: the destructor does neither
-  thread.join();
+  robot::runLoop(program, "publishing", thread, options);
 
   std::printf("%s: published %llu joint states; %s\n", program,
               static_cast<unsigned long long>(states.published()),

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -151,6 +152,41 @@ inline void runFor(long seconds) {
   while (!tcp_example::stopRequested().load() && std::chrono::steady_clock::now() < end) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+}
+
+// Ends the program with kNotRunnable when it may not run a SCHED_FIFO thread at `priority`;
+// otherwise installs the shutdown signals.
+inline void requireSchedFifo(const char* program, int priority) {
+  if (!mayUseSchedFifo(priority)) {
+    std::printf("%s needs SCHED_FIFO: run it as root or grant CAP_SYS_NICE.\n", program);
+    std::exit(kNotRunnable);
+  }
+  tcp_example::installSignalHandlers();
+}
+
+// True (after saying why on standard error) when either endpoint did not connect.
+template <typename First, typename Second>
+bool unconnected(const char* program, const First& first, const Second& second) {
+  if (first && second) return false;
+  std::fprintf(stderr, "%s: %s\n", program, (!first ? first.error() : second.error()).c_str());
+  return true;
+}
+
+// Runs the loop (its tasks added) for the options' time, on the grid if asked, then stops and
+// joins it (the destructor does neither).
+inline void runLoop(const char* program, const char* doing, mosk::kelvo::PeriodicThread& thread,
+                    const LoopOptions& options) {
+  if (options.aligned) thread.setGridOffset(options.offsetUs);
+  const std::string where =
+      options.aligned ? "on the grid at offset " + std::to_string(options.offsetUs) + " us"
+                      : "not aligned";
+  std::printf("%s: %s %s at 1 kHz for %ld s, %s\n", program, doing,
+              jointStateTopic(options.prefix).c_str(), options.seconds, where.c_str());
+  std::fflush(stdout);
+  thread.start(900);
+  runFor(options.seconds);
+  thread.stop();
+  thread.join();
 }
 
 }  // namespace robot
