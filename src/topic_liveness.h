@@ -3,8 +3,9 @@
 // A topic's owner record holds a robust futex word. The process that owns the topic keeps the
 // word on the robust list of a small keeper thread of its own (started while the process owns
 // at least one topic, stopped when it owns none). However the process ends, exit or any signal,
-// the kernel walks that list as the keeper thread exits, before the process can become a
-// zombie, and marks every word it owns FUTEX_OWNER_DIED. So "alive" is one atomic load, a pid
+// the kernel walks that list as the keeper thread exits, before the process can be waited for
+// (its first thread may show "Z" earlier, while the others still exit), and marks every word
+// it owns FUTEX_OWNER_DIED. So "alive" is one atomic load, a pid
 // reused later can never look alive, and a thread of the owner that exits (the one that made the
 // Publisher, say) changes nothing: only the keeper holds the words.
 //

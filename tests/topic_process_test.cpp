@@ -41,13 +41,13 @@ void startHelper(Child& child, const std::string& role, const std::string& topic
   ASSERT_EQ(child.readLine(), "connected");
 }
 
+// Waits until the child `pid` is a zombie: every one of its threads has exited and only the
+// reaping is left (waitid with WNOWAIT leaves it unreaped). The first thread's "Z" in
+// /proc/<pid>/stat comes earlier, while the other threads may still be exiting.
 bool becomesZombie(pid_t pid) {
-  const auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (processStateOf(pid) == 'Z') return true;
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == 0 &&
+         processStateOf(pid) == 'Z';
 }
 
 // How many System V segments carry `key`.

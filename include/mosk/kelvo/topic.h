@@ -51,9 +51,10 @@
 //   starts afresh.
 // - Ownership is a robust futex word in the segment, held by a small keeper thread that the
 //   library starts in a process while it owns at least one topic. When the process ends, by
-//   exit or by any signal, the kernel marks the word "owner died" before the process can be
-//   reaped (before it is a zombie), and a pid reused later cannot look alive: liveness never
-//   looks at a pid. publisherAlive() is one atomic load: no system call, usable every cycle.
+//   exit or by any signal, the kernel marks the word "owner died" as the keeper thread exits,
+//   before the process can be waited for (a zombie, all of its threads gone, is already
+//   marked), and a pid reused later cannot look alive: liveness never looks at a pid.
+//   publisherAlive() is one atomic load: no system call, usable every cycle.
 // - wait() sleeps on a futex word in the segment (process-shared). A waiter sets a "sleepers
 //   present" flag; publish() clears it with the atomic exchange it does anyway and wakes the
 //   sleepers only when it found the flag set.
