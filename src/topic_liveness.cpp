@@ -3,12 +3,14 @@
 
 #include <linux/futex.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <new>
@@ -62,6 +64,8 @@ class Keeper {
     bool done = false;
   };
 
+  static constexpr size_t kStackBytes = 256 * 1024;
+
   // The kernel reads the list only when the keeper thread exits, which can happen at any
   // instruction of the keeper (the process is killed): these fences keep the compiler from
   // reordering the list's stores across the steps below.
@@ -76,12 +80,22 @@ class Keeper {
   bool start() {
     resetList();
     tid_ = 0;
+    // A small stack (it is locked and faulted in under mlockall(MCL_FUTURE)) and the ordinary
+    // policy whatever the creating thread runs at: the keeper only sleeps and answers claims.
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStackBytes);
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
+    sched_param ordinary{};
+    pthread_attr_setschedparam(&attributes, &ordinary);
     sigset_t all, previous;
     sigfillset(&all);
     // The keeper takes no signal meant for the application's threads.
     pthread_sigmask(SIG_SETMASK, &all, &previous);
-    const int rc = pthread_create(&thread_, nullptr, &Keeper::run, this);
+    const int rc = pthread_create(&thread_, &attributes, &Keeper::run, this);
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    pthread_attr_destroy(&attributes);
     if (rc != 0) return false;
     std::unique_lock<std::mutex> lock(mutex_);
     cv_.wait(lock, [this] { return tid_ != 0; });

@@ -50,10 +50,11 @@
 //   return false, leave `out` alone and count the failure (readFailures()); the next call
 //   starts afresh.
 // - Ownership is a robust futex word in the segment, held by a small keeper thread that the
-//   library starts in a process while it owns at least one topic. When the process ends, by
-//   exit or by any signal, the kernel marks the word "owner died" as the keeper thread exits,
-//   before the process can be waited for (a zombie, all of its threads gone, is already
-//   marked), and a pid reused later cannot look alive: liveness never looks at a pid.
+//   library starts in a process while it owns at least one topic ("kelvo-owner": SCHED_OTHER,
+//   a 256 KiB stack, all signals blocked; it sleeps except while a Publisher connects or goes).
+//   When the process ends, by exit or by any signal, the kernel marks the word "owner died" as the
+//   keeper thread exits, before the process can be waited for (a zombie, all of its threads gone,
+//   is already marked), and a pid reused later cannot look alive: liveness never looks at a pid.
 //   publisherAlive() is one atomic load: no system call, usable every cycle.
 // - wait() sleeps on a futex word in the segment (process-shared). A waiter sets a "sleepers
 //   present" flag; publish() clears it with the atomic exchange it does anyway and wakes the
