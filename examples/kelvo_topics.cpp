@@ -1,7 +1,11 @@
 // kelvo-topics: lists the shared-memory topics under /tmp/topics, or removes one.
 //
-//   kelvo-topics            one line per topic: key, segment id, data size, attachments,
-//                           creator pid, magic, lock and unlock counts, owner thread id
+//   kelvo-topics            one line per plain (shm_*) topic: key, segment id, data size,
+//                           attachments, creator pid, magic, lock and unlock counts, owner
+//                           thread id; then, if there are typed topics (mosk/kelvo/topic.h),
+//                           one line per typed topic: type and version, sample size, depth,
+//                           publisher pid and alive or dead, samples published, rate over the
+//                           samples kept, age of the newest sample, subscribers
 //   kelvo-topics rm [--force] [--timeout S] NAME
 //                           removes the topic's segment, key file and (empty) directory
 //
@@ -16,6 +20,9 @@
 // removes the topic all the same: it marks the segment for removal and deletes the key file
 // without touching the condition (processes still attached keep their memory until they detach
 // or exit).
+//
+// A typed topic is removed with removeTopic() (its waiters are woken through their futex, so
+// that removal never waits); --force and --timeout do not apply to it.
 #include <dirent.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -32,9 +39,11 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "mosk/kelvo/shm.h"
+#include "mosk/kelvo/topic.h"
 
 namespace {
 
@@ -137,12 +146,51 @@ void listTopic(const std::string& topic) {
   shmdt(header);
 }
 
+// "0.4 ms", "12 us", "3.2 s"; "-" before the first sample.
+std::string formatAge(int64_t ns) {
+  char text[32];
+  if (ns < 0) return "-";
+  if (ns < 1000000) {
+    std::snprintf(text, sizeof text, "%lld us", static_cast<long long>(ns / 1000));
+  } else if (ns < 1000000000) {
+    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(ns) / 1e6);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(ns) / 1e9);
+  }
+  return text;
+}
+
+void listTypedTopic(const std::string& topic, const mosk::kelvo::TopicStatus& status) {
+  const std::string type = status.typeName + " v" + std::to_string(status.typeVersion);
+  std::string publisher = "-";
+  if (status.publisherPid != 0) {
+    publisher = std::to_string(status.publisherPid) + (status.publisherAlive ? " alive" : " dead");
+  }
+  std::printf("%-32s %-28s %8u %6u %-14s %12llu %10.1f %10s %5u%s\n", topic.c_str(), type.c_str(),
+              status.sampleSize, status.depth, publisher.c_str(),
+              static_cast<unsigned long long>(status.published), status.ratePerSecond,
+              formatAge(status.newestAgeNs).c_str(), status.subscribers,
+              status.removed ? "  (removed)" : "");
+}
+
 int list() {
   std::vector<std::string> topics;
   findTopics("", &topics);
   std::printf("%-32s %-10s %10s %10s %6s %8s %6s %12s %12s %8s\n", "TOPIC", "KEY", "SHMID", "SIZE",
               "NATTCH", "CPID", "MAGIC", "LOCKS", "UNLOCKS", "OWNER");
-  for (const std::string& topic : topics) listTopic(topic);
+  std::vector<std::pair<std::string, mosk::kelvo::TopicStatus>> typed;
+  for (const std::string& topic : topics) {
+    mosk::kelvo::TopicStatus status;
+    if (mosk::kelvo::topicStatus(topic, status)) {
+      typed.emplace_back(topic, status);
+    } else {
+      listTopic(topic);
+    }
+  }
+  if (typed.empty()) return 0;
+  std::printf("\n%-32s %-28s %8s %6s %-14s %12s %10s %10s %5s\n", "TYPED TOPIC", "TYPE", "SIZE",
+              "DEPTH", "PUBLISHER", "SAMPLES", "RATE/s", "AGE", "SUBS");
+  for (const auto& [topic, status] : typed) listTypedTopic(topic, status);
   return 0;
 }
 
@@ -171,7 +219,11 @@ int removeSegment(const std::string& topic, int id, const RemoveOptions& options
                  std::strerror(errno));
     return 1;
   }
-  auto* cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(segment) + kCondOffset);
+  // Only a plain header has a condition there; a segment that is not initialised has none yet.
+  pthread_cond_t* cond = nullptr;
+  if (fieldAt<uint32_t>(segment, kMagicOffset) == 0x1234) {
+    cond = reinterpret_cast<pthread_cond_t*>(static_cast<char*>(segment) + kCondOffset);
+  }
   std::atomic<bool> removed{false};
   int rc = -1;
   std::thread remover([&] {
@@ -180,7 +232,7 @@ int removeSegment(const std::string& topic, int id, const RemoveOptions& options
   });
   auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
   while (!removed && std::chrono::steady_clock::now() < deadline) {
-    pthread_cond_broadcast(cond);
+    if (cond != nullptr) pthread_cond_broadcast(cond);
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   if (!removed) {
@@ -219,6 +271,15 @@ int removeTopic(const std::string& topic, const RemoveOptions& options) {
     std::fprintf(stderr, "kelvo-topics: no topic '%s' (no key file %s)\n", topic.c_str(),
                  keyFile.c_str());
     return 1;
+  }
+  mosk::kelvo::TopicStatus status;
+  if (mosk::kelvo::topicStatus(topic, status)) {
+    std::string why;
+    if (mosk::kelvo::removeTopic(topic, &why) != 0) {
+      std::fprintf(stderr, "kelvo-topics: %s\n", why.c_str());
+      return 1;
+    }
+    return 0;
   }
   int id = shmget(ftok(keyFile.c_str(), 1), 0, 0);
   if (id == -1) {

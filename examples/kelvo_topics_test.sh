@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Runs kelvo-topics against real topics made by a helper process: the listing, a topic with
 # a key file but no segment, option validation, and removal (also while a process waits on the
-# topic's condition, which must not hang the tool).
+# topic's condition, which must not hang the tool). With a third argument, the typed-topic
+# helper, also typed topics: their listing (publisher alive, then dead, subscribers) and removal
+# while a subscriber waits.
 set -u
 tool="$1"
 helper="$2"
+typed_helper="${3:-}"
+typed="kt$$-typed"
 topic="kt$$-topics"
 waited="kt$$-waited"
 killed="kt$$-killed"
@@ -20,12 +24,22 @@ fail() {
 
 cleanup() {
   rm -f "$fifo" "$attached_out" "/tmp/kelvo_topics_waiter.$$" "/tmp/kelvo_topics_err.$$"
-  for t in "$topic" "$waited" "$keyonly" "$killed"; do
+  rm -f /tmp/kelvo_topics_typed_*."$$"
+  for t in "$topic" "$waited" "$keyonly" "$killed" "$typed"; do
     "$tool" rm --force --timeout 1 "$t" >/dev/null 2>&1
     rm -rf "/tmp/topics/$t"
   done
 }
 trap cleanup EXIT
+
+# Waits (up to 30 s) until process $1 sleeps.
+await_sleeping() {
+  for _ in $(seq 1 3000); do
+    grep -q '^State:.*S' "/proc/$1/status" 2>/dev/null && return 0
+    sleep 0.01
+  done
+  return 1
+}
 
 # Waits (up to 30 s) until file $1 holds the line $2.
 await_line() {
@@ -101,10 +115,7 @@ waiter_out="/tmp/kelvo_topics_waiter.$$"
 "$helper" wait "$waited" 64 >"$waiter_out" </dev/null &
 waiter_pid=$!
 await_line "$waiter_out" ready || fail "waiter did not start"
-for _ in $(seq 1 3000); do
-  grep -q '^State:.*S' "/proc/$waiter_pid/status" && break
-  sleep 0.01
-done
+await_sleeping "$waiter_pid" || fail "waiter did not sleep"
 timeout 60 "$tool" rm "$waited" || fail "rm with a waiter"
 wait "$waiter_pid"
 grep -q '^woken 0$' "$waiter_out" || fail "waiter not woken: $(cat "$waiter_out")"
@@ -147,6 +158,56 @@ echo "$forced" | grep -q "^kelvo-topics: removed '$killed' without destroying it
   fail "rm --force message: $forced"
 expect_gone "$killed"
 rm -f "$waiter_out" /tmp/kelvo_topics_err.$$
+
+# Typed topics: a publisher that published 20 samples and holds the topic, a subscriber.
+if [ -n "$typed_helper" ]; then
+  pub_fifo=/tmp/kelvo_topics_typed_pub_fifo.$$
+  pub_out=/tmp/kelvo_topics_typed_pub.$$
+  sub_fifo=/tmp/kelvo_topics_typed_sub_fifo.$$
+  sub_out=/tmp/kelvo_topics_typed_sub.$$
+  wait_out=/tmp/kelvo_topics_typed_wait.$$
+  mkfifo "$pub_fifo" "$sub_fifo"
+  "$typed_helper" hold "$typed" 20 <"$pub_fifo" >"$pub_out" &
+  pub_pid=$!
+  exec 4>"$pub_fifo"
+  await_line "$pub_out" ready || fail "typed publisher did not start"
+  "$typed_helper" subscriber "$typed" <"$sub_fifo" >"$sub_out" &
+  sub_pid=$!
+  exec 5>"$sub_fifo"
+  await_line "$sub_out" connected || fail "typed subscriber did not start"
+
+  listing=$("$tool")
+  echo "$listing"
+  echo "$listing" | grep -qE '^TYPED TOPIC +TYPE +SIZE +DEPTH +PUBLISHER +SAMPLES +RATE/s +AGE +SUBS$' ||
+    fail "typed header line"
+  echo "$listing" | grep -qE "^$typed +test/Pattern v1 +64 +16 +$pub_pid alive +20 +[0-9]+\.[0-9] +[0-9.]+ (us|ms|s) +1$" ||
+    fail "listing of typed topic $typed"
+  [ "$(echo "$listing" | grep -c "^$typed ")" = 1 ] || fail "typed topic listed as a plain one too"
+  echo "$listing" | grep -qE "^$topic " && fail "removed plain topic still listed"
+
+  kill -KILL "$pub_pid"
+  wait "$pub_pid" 2>/dev/null
+  "$tool" | grep -qE "^$typed +test/Pattern v1 +64 +16 +$pub_pid dead +20 " ||
+    fail "killed typed publisher not shown dead: $("$tool" | grep "^$typed ")"
+
+  # Removal while a subscriber sleeps in wait(): it is woken, the tool does not wait.
+  "$typed_helper" wait "$typed" </dev/null >"$wait_out" &
+  wait_pid=$!
+  await_line "$wait_out" ready || fail "typed waiter did not start"
+  await_sleeping "$wait_pid" || fail "typed waiter did not sleep"
+  timeout 60 "$tool" rm "$typed" || fail "rm of typed topic $typed"
+  wait "$wait_pid"
+  grep -qx 'woken 0' "$wait_out" || fail "typed waiter not woken by the removal: $(cat "$wait_out")"
+  [ -e "/tmp/topics/$typed" ] && fail "typed topic directory left behind"
+  "$tool" | grep -q "^$typed " && fail "removed typed topic still listed"
+  "$tool" rm "$typed" 2>/tmp/kelvo_topics_err.$$ && fail "second rm of $typed succeeded"
+  grep -q "no topic '$typed'" /tmp/kelvo_topics_err.$$ || fail "second rm message"
+  exec 4>&- 5>&-
+  wait "$sub_pid"
+  rm -f "$pub_fifo" "$pub_out" "$sub_fifo" "$sub_out" "$wait_out" /tmp/kelvo_topics_err.$$
+else
+  echo "skipped: typed topics (no typed-topic helper given)"
+fi
 
 [ $status -eq 0 ] && echo "kelvo-topics: all checks passed"
 exit $status

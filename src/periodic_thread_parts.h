@@ -207,6 +207,11 @@ class DeadlineKeeper {
   uint64_t advance() {
     timespec now;
     clock_gettime(kClock, &now);
+    return advanceFrom(now);
+  }
+
+  // advance() as if the clock read `now`.
+  uint64_t advanceFrom(const timespec& now) {
     // The elapsed part of the period just ended; a negative value (an early wake-up) turns
     // into a huge load, as callers of this field have always seen it.
     const int32_t seconds =
@@ -219,7 +224,11 @@ class DeadlineKeeper {
                std::memory_order_relaxed);
 
     const timespec period = toTimespec(us);
-    add(nextWakeup_, period);
+    if (us != 0 && onGrid.load(std::memory_order_acquire)) {
+      nextWakeup_ = gridPointAfter(nextWakeup_, us, gridOffsetUs.load(std::memory_order_relaxed));
+    } else {
+      add(nextWakeup_, period);
+    }
     uint64_t skipped = 0;
     while (isLater(now, nextWakeup_)) {
       if (us == 0) {  // a zero period runs cycles back to back
@@ -227,10 +236,25 @@ class DeadlineKeeper {
         break;
       }
       ++skipped;
-      add(nextWakeup_, period);
+      add(nextWakeup_, period);  // a grid point plus periods stays on the grid
     }
     return skipped;
   }
+
+  // The first point strictly after `deadline` of the grid made of the multiples of the period
+  // on CLOCK_MONOTONIC plus the offset (taken modulo the period, so any offset works). From a
+  // point on the grid it is one period on, as without the grid; from elsewhere it is less.
+  static timespec gridPointAfter(const timespec& deadline, uint32_t periodUs, int64_t offsetUs) {
+    const int64_t periodNs = int64_t{periodUs} * 1000;
+    const int64_t offsetNs = ((offsetUs % periodUs + periodUs) % periodUs) * 1000;
+    const int64_t deadlineNs = int64_t{deadline.tv_sec} * 1000000000 + deadline.tv_nsec;
+    const int64_t pointNs = ((deadlineNs - offsetNs) / periodNs + 1) * periodNs + offsetNs;
+    return timespec{static_cast<time_t>(pointNs / 1000000000),
+                    static_cast<long>(pointNs % 1000000000)};
+  }
+
+  // The deadline the loop sleeps to next (loop thread, or a test).
+  const timespec& nextWakeup() const { return nextWakeup_; }
 
   // Sleeps until the deadline and returns how late the wake-up came, in nanoseconds. A signal
   // handler interrupts the sleep; sleeping again to the same deadline keeps one cycle per
@@ -246,6 +270,9 @@ class DeadlineKeeper {
 
   std::atomic<uint32_t> periodUs;
   std::atomic<double> load{0};  // elapsed part of the last period when the loop went to sleep
+  // Deadlines on a grid shared with other threads and processes (see gridPointAfter()).
+  std::atomic<bool> onGrid{false};
+  std::atomic<int64_t> gridOffsetUs{0};
 
  private:
   static constexpr clockid_t kClock = CLOCK_MONOTONIC;

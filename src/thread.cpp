@@ -614,6 +614,13 @@ int PeriodicThread::setPeriod(int periodUs) {
   return 0;
 }
 
+void PeriodicThread::setGridOffset(long offsetUs) {
+  d_->deadlines.gridOffsetUs.store(offsetUs, kRelaxed);
+  d_->deadlines.onGrid.store(true, std::memory_order_release);  // the loop sees the offset too
+}
+
+void PeriodicThread::clearGridOffset() { d_->deadlines.onGrid.store(false, kRelaxed); }
+
 int PeriodicThread::getTid() const { return d_->tid.load(kRelaxed); }
 
 int PeriodicThread::getCreationError() const { return d_->creationError; }

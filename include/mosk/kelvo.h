@@ -15,6 +15,7 @@
 #include "mosk/kelvo/socket_tcp.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
+#include "mosk/kelvo/topic.h"
 #include "mosk/kelvo/trace_task_names.h"
 
 #endif  // MOSK_KELVO_H_

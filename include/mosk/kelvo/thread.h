@@ -223,6 +223,17 @@ class KELVO_EXPORT PeriodicThread {
   // New period in microseconds, used from the next deadline on. Values below 1 are ignored.
   // Returns 0 either way.
   int setPeriod(int periodUs);
+  // Puts the deadlines on a grid that threads of any process can share: the multiples of the
+  // period on CLOCK_MONOTONIC plus `offsetUs` (taken modulo the period; negative values count
+  // back from the next multiple). Two loops with the same period then keep a fixed phase, e.g.
+  // a driver at offset 0 publishing and a controller at offset 300 reading 300 us later, instead
+  // of phases set by when each constructor ran. Off by default. Takes effect at the next
+  // deadline: the first deadline on the grid is the first grid point after the current one, so
+  // that period is shortened, never lengthened (and counts nothing as missed). Any later
+  // setPeriod() keeps the grid, with the new period.
+  void setGridOffset(long offsetUs);
+  // Back to deadlines one period apart from wherever the current one is.
+  void clearGridOffset();
   // Kernel thread id of the loop thread (0 until the thread has started).
   int getTid() const;
   // 0 when the constructor created the thread, else pthread_create's error number (EPERM: no
