@@ -26,7 +26,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "mosk/kelvo/cycles.h"
 
@@ -304,6 +306,27 @@ int runRole(Link& link, const CaseConfig& config, Role role, Shared* shared) {
   }
   return role == Role::kPing ? runPublisher(link, config, shared) : runReader(link, config, shared);
 }
+
+// Base of the links whose publish of a prepared value is a copy into a loaned payload, and
+// whose reader at full speed simply polls (CRTP: Link provides loan, send, poll, retries).
+template <typename Link>
+class CopyPublishing {
+ public:
+  explicit CopyPublishing(size_t bytes) : local_(bytes / sizeof(uint64_t)) {}
+
+  uint64_t* local() { return local_.data(); }
+  uint64_t publishLocal() {
+    Link& link = static_cast<Link&>(*this);
+    uint64_t before = link.retries();
+    std::memcpy(link.loan(), local_.data(), local_.size() * sizeof(uint64_t));
+    link.send();
+    return link.retries() - before;
+  }
+  const uint64_t* pollLatest() { return static_cast<Link&>(*this).poll(); }
+
+ private:
+  std::vector<uint64_t> local_;
+};
 
 // Both workers have connected their ends: each marks itself ready and waits for the other, so
 // that nothing is sent before the peer listens. False on time-out.

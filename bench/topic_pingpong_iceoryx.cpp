@@ -29,22 +29,21 @@ iox::popo::SubscriberOptions newestOnly() {
   return options;
 }
 
-class IceoryxLink {
+class IceoryxLink : public CopyPublishing<IceoryxLink> {
  public:
   IceoryxLink(const CaseConfig& config, Role role)
-      : bytes_(static_cast<uint32_t>(config.payloadBytes)),
+      : CopyPublishing(config.payloadBytes),
+        bytes_(static_cast<uint32_t>(config.payloadBytes)),
         publisher_(serviceOf(directionName(config, role))),
         subscriber_(
             serviceOf(directionName(config, role == Role::kPing ? Role::kPong : Role::kPing)),
-            newestOnly()),
-        local_(new uint64_t[config.payloadBytes / sizeof(uint64_t)]()) {
+            newestOnly()) {
     if (config.blocking) {
       waitSet_.emplace();
       attached_ =
           !waitSet_->attachState(subscriber_, iox::popo::SubscriberState::HAS_DATA).has_error();
     }
   }
-  ~IceoryxLink() { delete[] local_; }
   IceoryxLink(const IceoryxLink&) = delete;
   IceoryxLink& operator=(const IceoryxLink&) = delete;
 
@@ -76,14 +75,6 @@ class IceoryxLink {
     return !waitSet_->timedWait(iox::units::Duration::fromNanoseconds(ns)).empty();
   }
 
-  uint64_t* local() { return local_; }
-  uint64_t publishLocal() {
-    uint64_t before = retries_;
-    std::memcpy(loan(), local_, bytes_);
-    send();
-    return retries_ - before;
-  }
-  const uint64_t* pollLatest() { return poll(); }
   uint64_t retries() const { return retries_; }
 
  private:
@@ -92,7 +83,6 @@ class IceoryxLink {
   iox::popo::UntypedSubscriber subscriber_;
   iox::cxx::optional<iox::popo::WaitSet<>> waitSet_;
   bool attached_ = true;
-  uint64_t* local_;
   void* loaned_ = nullptr;
   const void* taken_ = nullptr;
   uint64_t retries_ = 0;

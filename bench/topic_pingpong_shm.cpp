@@ -22,20 +22,19 @@ namespace {
 constexpr size_t kSequenceOffset = 4;
 constexpr size_t kPayloadOffset = 12;
 
-class ShmLink {
+class ShmLink : public CopyPublishing<ShmLink> {
  public:
   ShmLink(const CaseConfig& config, Role role)
-      : blocking_(config.blocking),
+      : CopyPublishing(config.payloadBytes),
+        blocking_(config.blocking),
         bytes_(config.payloadBytes),
-        waitSliceUs_(static_cast<int>(config.waitSliceNs / 1000)),
-        local_(new uint64_t[config.payloadBytes / sizeof(uint64_t)]()) {
+        waitSliceUs_(static_cast<int>(config.waitSliceNs / 1000)) {
     Role other = role == Role::kPing ? Role::kPong : Role::kPing;
     out_ = static_cast<char*>(
         shm_connect_by_topic(directionName(config, role).c_str(), kPayloadOffset + bytes_));
     in_ = static_cast<char*>(
         shm_connect_by_topic(directionName(config, other).c_str(), kPayloadOffset + bytes_));
   }
-  ~ShmLink() { delete[] local_; }
   ShmLink(const ShmLink&) = delete;
   ShmLink& operator=(const ShmLink&) = delete;
 
@@ -61,14 +60,6 @@ class ShmLink {
   void release() { shm_unlock(in_); }
   bool wait(uint64_t) { return shm_timedwait(in_, waitSliceUs_) == 0; }
 
-  uint64_t* local() { return local_; }
-  uint64_t publishLocal() {
-    uint64_t before = retries_;
-    std::memcpy(loan(), local_, bytes_);
-    send();
-    return retries_ - before;
-  }
-  const uint64_t* pollLatest() { return poll(); }
   uint64_t retries() const { return retries_; }
 
  private:
@@ -82,7 +73,6 @@ class ShmLink {
   bool blocking_;
   size_t bytes_;
   int waitSliceUs_;
-  uint64_t* local_;
   char* out_ = nullptr;
   char* in_ = nullptr;
   uint64_t sent_ = 0;

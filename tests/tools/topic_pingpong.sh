@@ -7,27 +7,8 @@ set -u
 program=$1
 mode=$2
 failures=0
-
-# expect_refusal <pattern> <arguments...>: exit non-zero within 20 s, naming the bad argument.
-expect_refusal() {
-  local pattern=$1
-  shift
-  local output status
-  output=$(timeout 20 "$program" "$@" 2>&1)
-  status=$?
-  if [ "$status" -eq 124 ]; then
-    echo "FAIL (hung): $*"
-    failures=$((failures + 1))
-  elif [ "$status" -eq 0 ]; then
-    echo "FAIL (exit 0): $*"
-    failures=$((failures + 1))
-  elif ! grep -q -- "$pattern" <<<"$output"; then
-    echo "FAIL (message): $* -> $output"
-    failures=$((failures + 1))
-  else
-    echo "ok: $* -> $(head -n 1 <<<"$output")"
-  fi
-}
+# shellcheck source=expect_refusal.sh
+. "$(dirname "$0")/expect_refusal.sh"
 
 # Typed and plain topics of this program are named kb<pid>x<block>.
 own_topics() { ls /tmp/topics 2>/dev/null | grep -E '^kb[0-9]+x[0-9]+[ab]$' | sort; }
@@ -76,33 +57,42 @@ smoke() {
 
 case "$mode" in
   bad-options)
-    expect_refusal "unknown option" --bogus 1
-    expect_refusal "needs a value" --rounds
-    expect_refusal "not an option" stray
-    expect_refusal "\-\-sizes: '100' is not one of" --sizes 100
-    expect_refusal "\-\-sizes: '64' given twice" --sizes 64,64
-    expect_refusal "\-\-sizes: empty item" --sizes 64,
-    expect_refusal "\-\-transports: 'zeromq' is not one of" --transports zeromq
-    expect_refusal "\-\-modes: 'sleep' is not one of" --modes sleep
-    expect_refusal "\-\-sched: 'fifo' is not one of" --sched fifo
-    expect_refusal "\-\-rounds: '0' is not a whole number" --rounds 0
-    expect_refusal "\-\-rounds: '12x' is not a whole number" --rounds 12x
-    expect_refusal "\-\-warmup: '-1' is not a whole number" --warmup -1
-    expect_refusal "\-\-blocks: '0' is not a whole number" --blocks 0
-    expect_refusal "\-\-publish-samples: 'many'" --publish-samples many
-    expect_refusal "\-\-cpus: '0' is not two CPUs" --cpus 0
-    expect_refusal "\-\-cpus: CPU 1000 is not one" --cpus 0,1000
-    expect_refusal "\-\-priority: '100' is not a whole number" --priority 100
-    expect_refusal "\-\-priority: '0' is not a whole number" --priority 0
-    expect_refusal "\-\-timeout: '0' is not a whole number" --timeout 0
-    expect_refusal "\-\-wait-slice-us: '0'" --wait-slice-us 0
-    expect_refusal "\-\-roudi-config: cannot read '/nonexistent/roudi.toml'" \
+    expect_refusal "unknown option" "$program" --bogus 1
+    expect_refusal "needs a value" "$program" --rounds
+    expect_refusal "not an option" "$program" stray
+    expect_refusal "\-\-sizes: '100' is not one of" "$program" --sizes 100
+    expect_refusal "\-\-sizes: '64' given twice" "$program" --sizes 64,64
+    expect_refusal "\-\-sizes: empty item" "$program" --sizes 64,
+    expect_refusal "\-\-transports: 'zeromq' is not one of" "$program" --transports zeromq
+    expect_refusal "\-\-modes: 'sleep' is not one of" "$program" --modes sleep
+    expect_refusal "\-\-sched: 'fifo' is not one of" "$program" --sched fifo
+    expect_refusal "\-\-rounds: '0' is not a whole number" "$program" --rounds 0
+    expect_refusal "\-\-rounds: '12x' is not a whole number" "$program" --rounds 12x
+    expect_refusal "\-\-warmup: '-1' is not a whole number" "$program" --warmup -1
+    expect_refusal "\-\-blocks: '0' is not a whole number" "$program" --blocks 0
+    expect_refusal "\-\-publish-samples: 'many'" "$program" --publish-samples many
+    expect_refusal "\-\-cpus: '0' is not two CPUs" "$program" --cpus 0
+    expect_refusal "\-\-cpus: CPU 1000 is not one" "$program" --cpus 0,1000
+    expect_refusal "\-\-priority: '100' is not a whole number" "$program" --priority 100
+    expect_refusal "\-\-priority: '0' is not a whole number" "$program" --priority 0
+    expect_refusal "\-\-timeout: '0' is not a whole number" "$program" --timeout 0
+    expect_refusal "\-\-wait-slice-us: '0'" "$program" --wait-slice-us 0
+    expect_refusal "\-\-roudi-config: cannot read '/nonexistent/roudi.toml'" "$program" \
       --roudi-config /nonexistent/roudi.toml
-    expect_refusal "\-\-roudi: empty path" --roudi ""
+    expect_refusal "\-\-roudi: empty path" "$program" --roudi ""
     # A RouDi that cannot start leaves iceoryx out, says why, and fails the run.
     expect_refusal "iceoryx left out of the unpinned cases: .*cannot run /nonexistent/iox-roudi" \
-      --roudi /nonexistent/iox-roudi --transports iceoryx --sched unpinned --sizes 64 \
-      --modes poll --rounds 10 --publish-samples 0
+      "$program" --roudi /nonexistent/iox-roudi --transports iceoryx --sched unpinned \
+      --sizes 64 --modes poll --rounds 10 --publish-samples 0
+    # Without the right to SCHED_FIFO, pinned cases are skipped with the reason (exit 77).
+    if command -v prlimit >/dev/null &&
+      setpriv --bounding-set=-sys_nice --inh-caps=-sys_nice true 2>/dev/null; then
+      expect_refusal "skipping the pinned cases: SCHED_FIFO is not permitted" \
+        prlimit --rtprio=0 setpriv --bounding-set=-sys_nice --inh-caps=-sys_nice \
+        "$program" --sched pinned --transports shm --rounds 10
+    else
+      echo "skipped: prlimit or setpriv cannot drop SCHED_FIFO rights here"
+    fi
     ;;
   unpinned | pinned)
     smoke "$mode"
