@@ -18,13 +18,9 @@ struct Payload64 {
 struct Payload64K {
   uint64_t words[65536 / sizeof(uint64_t)];
 };
+KELVO_TOPIC_TYPE(Payload64, "kelvo-bench/Payload64", 1);
+KELVO_TOPIC_TYPE(Payload64K, "kelvo-bench/Payload64K", 1);
 
-}  // namespace pingpong
-
-KELVO_TOPIC_TYPE(pingpong::Payload64, "kelvo-bench/Payload64", 1);
-KELVO_TOPIC_TYPE(pingpong::Payload64K, "kelvo-bench/Payload64K", 1);
-
-namespace pingpong {
 namespace {
 
 template <typename T>
