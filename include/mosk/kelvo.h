@@ -15,5 +15,6 @@
 #include "mosk/kelvo/socket_tcp.h"
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
+#include "mosk/kelvo/topic.h"
 
 #endif  // MOSK_KELVO_H_

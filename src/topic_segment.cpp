@@ -1,0 +1,435 @@
+// The segment of a typed topic: names, key files, creation, attachment and checks.
+#include "topic_segment.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <new>
+#include <sstream>
+#include <string>
+
+namespace mosk {
+namespace kelvo {
+namespace detail {
+namespace {
+
+constexpr const char* kRoot = "/tmp/topics/";
+constexpr const char* kKeyFile = "/shmkey";
+// How long a connector waits for a live creator to finish initialising a new segment.
+constexpr int64_t kCreatorPatienceNs = 3'000'000'000;
+constexpr int64_t kPollNs = 1'000'000;
+
+std::string quoted(const std::string& topic) { return "topic '" + topic + "'"; }
+
+std::string systemError(int error) { return std::strerror(error); }
+
+// --- key files -----------------------------------------------------------------------------
+
+// Creates every missing directory on the way to `path`'s last component (mode 0777 less the
+// umask, as the shm_* topics do). Failures show when the key file cannot be created.
+void createParentDirectories(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string prefix = path.substr(0, slash);
+    if (access(prefix.c_str(), F_OK) != 0) mkdir(prefix.c_str(), 0777);
+  }
+}
+
+key_t keyOf(const std::string& topic, std::string* why) {
+  const std::string path = keyFilePath(topic);
+  createParentDirectories(path);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    *why = quoted(topic) + ": cannot create the key file " + path + ": " + systemError(errno);
+    return -1;
+  }
+  close(fd);
+  const key_t key = ftok(path.c_str(), 1);
+  if (key == -1) *why = quoted(topic) + ": ftok(" + path + ") failed: " + systemError(errno);
+  return key;
+}
+
+// --- the process's attachments -------------------------------------------------------------
+
+// One mapping per segment and process, shared by its Publishers and Subscribers: threads of
+// one process see the ring at one address (so ThreadSanitizer sees what they share), and a
+// process holds one attachment per topic whatever the number of its endpoints.
+class Mappings {
+ public:
+  static Mappings& instance() {
+    static Mappings* mappings = new Mappings();  // endpoints may outlive statics
+    return *mappings;
+  }
+
+  // The mapping of segment `id`, attached now if this process has none. Null on failure
+  // (errno set).
+  TopicHeader* map(int id, size_t bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = byId_.find(id);
+    if (found != byId_.end()) {
+      ++found->second.references;
+      return found->second.header;
+    }
+    void* memory = shmat(id, nullptr, 0);
+    if (memory == reinterpret_cast<void*>(-1)) return nullptr;
+    pretouch(static_cast<const char*>(memory), bytes);
+    auto* header = static_cast<TopicHeader*>(memory);
+    byId_[id] = Entry{header, 1};
+    idOf_[header] = id;
+    return header;
+  }
+
+  void unmap(TopicHeader* header) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto id = idOf_.find(header);
+    if (id == idOf_.end()) return;
+    auto entry = byId_.find(id->second);
+    if (--entry->second.references > 0) return;
+    shmdt(header);
+    byId_.erase(entry);
+    idOf_.erase(id);
+  }
+
+ private:
+  struct Entry {
+    TopicHeader* header;
+    int references;
+  };
+
+  Mappings() {
+    pthread_atfork(nullptr, nullptr, [] { new (&instance().mutex_) std::mutex(); });
+  }
+
+  // Maps every page now, so that the real-time path never takes a page fault on the ring.
+  static void pretouch(const char* memory, size_t bytes) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    for (size_t offset = 0; offset < bytes; offset += page) {
+      (void)__atomic_load_n(memory + offset, __ATOMIC_RELAXED);
+    }
+  }
+
+  std::mutex mutex_;
+  std::map<int, Entry> byId_;
+  std::map<TopicHeader*, int> idOf_;
+};
+
+// --- creation ------------------------------------------------------------------------------
+
+void copyName(char* field, size_t fieldSize, const std::string& name) {
+  std::memset(field, 0, fieldSize);
+  std::memcpy(field, name.data(), std::min(name.size(), fieldSize - 1));
+}
+
+// The creator's work on a new, zero-filled segment. Nobody reads these fields before `magic`.
+void initialise(TopicHeader* header, const std::string& topic, const TopicTypeInfo& type,
+                uint32_t depth) {
+  header->layoutVersion = kLayoutVersion;
+  header->headerBytes = kHeaderBytes;
+  header->slotBytes = static_cast<uint32_t>(slotBytesFor(type.size, type.alignment));
+  header->slotCount = depth + 1;
+  header->depth = depth;
+  header->dataOffset = dataOffsetFor(type.alignment);
+  header->valueSize = type.size;
+  header->valueAlignment = type.alignment;
+  header->typeVersion = type.version;
+  header->creatorPid = static_cast<int32_t>(getpid());
+  copyName(header->typeName, sizeof header->typeName, type.name);
+  copyName(header->topicName, sizeof header->topicName, topic);
+  header->magic.store(kTypedMagic, std::memory_order_release);
+}
+
+std::string describeType(const char* name, uint32_t version, uint32_t size, uint32_t alignment,
+                         bool withAlignment) {
+  std::string text = std::string(name) + " v" + std::to_string(version) + " (" +
+                     std::to_string(size) + "-byte samples";
+  if (withAlignment) text += ", aligned to " + std::to_string(alignment);
+  return text + ")";
+}
+
+// Why an initialised segment does not fit this connector, or empty when it does.
+std::string mismatch(const TopicHeader* header, size_t segmentBytes, const std::string& topic,
+                     const TopicTypeInfo& type, uint32_t depth) {
+  if (header->layoutVersion != kLayoutVersion) {
+    return quoted(topic) + " has typed-topic layout " + std::to_string(header->layoutVersion) +
+           "; this library reads layout " + std::to_string(kLayoutVersion);
+  }
+  const std::string storedTopic(header->topicName, strnlen(header->topicName, kTopicNameField));
+  if (storedTopic != topic) {
+    return quoted(topic) + " shares its System V key with " + quoted(storedTopic) +
+           " (ftok collision): rename one of them";
+  }
+  if (!headerConsistent(header, segmentBytes)) {
+    return quoted(topic) + " has a damaged header: remove the topic";
+  }
+  const std::string storedType(header->typeName, strnlen(header->typeName, kTypeNameField));
+  if (storedType != type.name || header->typeVersion != type.version ||
+      header->valueSize != type.size || header->valueAlignment != type.alignment) {
+    const bool alignmentOnly = storedType == type.name && header->typeVersion == type.version &&
+                               header->valueSize == type.size;
+    return quoted(topic) + " carries " +
+           describeType(storedType.c_str(), header->typeVersion, header->valueSize,
+                        header->valueAlignment, alignmentOnly) +
+           ", not " +
+           describeType(type.name, type.version, type.size, type.alignment, alignmentOnly);
+  }
+  if (header->depth != depth) {
+    return quoted(topic) + " keeps " + std::to_string(header->depth) + " samples (depth), not " +
+           std::to_string(depth);
+  }
+  return {};
+}
+
+// Reads "btime" from /proc/stat: the boot time in seconds since the epoch.
+int64_t bootTimeSeconds() {
+  std::ifstream stat("/proc/stat");
+  std::string word;
+  while (stat >> word) {
+    if (word == "btime") {
+      int64_t seconds = 0;
+      stat >> seconds;
+      return seconds;
+    }
+  }
+  return 0;
+}
+
+// True when the process that created a segment at `createdAt` (seconds since the epoch) is
+// certainly gone: no such process, a zombie, or a process started after the segment was
+// made (its pid was reused).
+bool creatorGone(pid_t pid, time_t createdAt) {
+  if (pid <= 0) return false;  // not visible from here: cannot tell
+  if (pid == getpid()) return false;
+  ProcessState state = processState(pid);
+  if (!state.exists || state.gone) return true;
+  const int64_t ticks = sysconf(_SC_CLK_TCK);
+  const int64_t startedAt = bootTimeSeconds() + static_cast<int64_t>(state.startTicks) / ticks;
+  return startedAt > static_cast<int64_t>(createdAt) + 1;
+}
+
+}  // namespace
+
+// --- processes -----------------------------------------------------------------------------
+
+ProcessState processState(pid_t pid) {
+  ProcessState state;
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string all;
+  if (!std::getline(file, all)) return state;
+  // The command name may hold spaces and parentheses: fields restart after the last ')'.
+  const size_t close = all.rfind(')');
+  if (close == std::string::npos) return state;
+  std::istringstream fields(all.substr(close + 2));
+  std::string field;
+  char status = '?';
+  fields >> status;
+  // After the state (field 3) come fields 4 to 21; the start time is field 22.
+  for (int index = 4; index <= 21 && fields >> field; ++index) {
+  }
+  uint64_t startTicks = 0;
+  if (!(fields >> startTicks)) return state;
+  state.exists = true;
+  state.gone = status == 'Z' || status == 'X' || status == 'x';
+  state.startTicks = startTicks;
+  return state;
+}
+
+uint64_t processToken(pid_t pid) {
+  const ProcessState state = processState(pid);
+  if (!state.exists) return 0;
+  return (state.startTicks << kTokenPidBits) | static_cast<uint64_t>(pid);
+}
+
+uint64_t selfToken() {
+  static std::atomic<uint64_t> cached{0};
+  static std::atomic<pid_t> cachedFor{0};
+  const pid_t pid = getpid();
+  if (cachedFor.load(std::memory_order_acquire) != pid) {
+    cached.store(processToken(pid), std::memory_order_relaxed);
+    cachedFor.store(pid, std::memory_order_release);
+  }
+  return cached.load(std::memory_order_relaxed);
+}
+
+bool tokenAlive(uint64_t token) {
+  if (token == 0) return false;
+  const auto pid = static_cast<pid_t>(token & ((uint64_t{1} << kTokenPidBits) - 1));
+  const ProcessState state = processState(pid);
+  return state.exists && !state.gone && state.startTicks == (token >> kTokenPidBits);
+}
+
+// --- shared helpers --------------------------------------------------------------------------
+
+std::string keyFilePath(const std::string& topic) { return kRoot + topic + kKeyFile; }
+
+bool headerConsistent(const TopicHeader* header, size_t segmentBytes) {
+  return header->headerBytes == kHeaderBytes && header->depth >= 1 && header->depth <= kMaxDepth &&
+         header->slotCount == header->depth + 1 && header->valueAlignment >= 1 &&
+         header->valueAlignment <= kMaxAlignment && header->valueSize <= kMaxValueSize &&
+         header->dataOffset == dataOffsetFor(header->valueAlignment) &&
+         header->slotBytes == slotBytesFor(header->valueSize, header->valueAlignment) &&
+         segmentBytes >= segmentBytesFor(header->valueSize, header->valueAlignment, header->depth);
+}
+
+void wakeAllWaiters(std::atomic<uint32_t>* word) {
+  syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// --- names ---------------------------------------------------------------------------------
+
+std::string checkTopicName(const std::string& topic) {
+  if (topic.empty()) return "topic '': the name is empty";
+  if (topic.size() > kTopicNameMax) {
+    return quoted(topic) + ": the name is longer than " + std::to_string(kTopicNameMax) + " bytes";
+  }
+  for (unsigned char c : topic) {
+    if (c < 0x20 || c == 0x7f) return quoted(topic) + ": the name holds a control character";
+  }
+  if (topic.front() == '/' || topic.back() == '/') {
+    return quoted(topic) + ": the name starts or ends with '/'";
+  }
+  std::istringstream components(topic);
+  std::string component;
+  while (std::getline(components, component, '/')) {
+    if (component.empty() || component == "." || component == "..") {
+      return quoted(topic) + ": the name has an empty, '.' or '..' component";
+    }
+  }
+  return {};
+}
+
+std::string checkTypeAndDepth(const std::string& topic, const TopicTypeInfo& type, uint32_t depth) {
+  const size_t nameLength = type.name == nullptr ? 0 : std::strlen(type.name);
+  if (nameLength == 0 || nameLength > kTopicTypeNameMax) {
+    return quoted(topic) + ": the type name must be 1 to 63 bytes";
+  }
+  if (type.size == 0 || type.size > kMaxValueSize) {
+    return quoted(topic) + ": samples of " + std::to_string(type.size) + " bytes (at most 64 MiB)";
+  }
+  if (type.alignment == 0 || type.alignment > kMaxAlignment ||
+      (type.alignment & (type.alignment - 1)) != 0) {
+    return quoted(topic) + ": samples aligned to " + std::to_string(type.alignment) +
+           " bytes (at most 64)";
+  }
+  if (depth < 1 || depth > kMaxDepth) {
+    return quoted(topic) + ": depth " + std::to_string(depth) + " is not 1 to " +
+           std::to_string(kMaxDepth);
+  }
+  return {};
+}
+
+// --- attaching -----------------------------------------------------------------------------
+
+Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint32_t depth,
+                       std::string* why) {
+  Attachment result;
+  *why = checkTopicName(topic);
+  if (why->empty()) *why = checkTypeAndDepth(topic, type, depth);
+  if (!why->empty()) return result;
+  const key_t key = keyOf(topic, why);
+  if (key == -1) return result;
+  const uint64_t bytes = segmentBytesFor(type.size, type.alignment, depth);
+  const int64_t giveUpAt = monotonicNowNs() + kCreatorPatienceNs;
+  Mappings& mappings = Mappings::instance();
+  for (;;) {
+    int id = shmget(key, bytes, IPC_CREAT | IPC_EXCL | 0600);
+    if (id >= 0) {
+      TopicHeader* header = mappings.map(id, bytes);
+      if (header == nullptr) {
+        const int error = errno;
+        shmctl(id, IPC_RMID, nullptr);
+        *why = quoted(topic) + ": cannot attach its new segment: " + systemError(error);
+        return result;
+      }
+      initialise(header, topic, type, depth);
+      result.header = header;
+      result.key = key;
+      return result;
+    }
+    if (errno != EEXIST) {
+      *why = quoted(topic) + ": cannot create its segment (" + std::to_string(bytes) +
+             " bytes): " + systemError(errno);
+      return result;
+    }
+    id = shmget(key, 0, 0);
+    struct shmid_ds status;
+    if (id < 0 || shmctl(id, IPC_STAT, &status) != 0) {
+      if (errno == ENOENT || errno == EIDRM || errno == EINVAL) continue;  // removed meanwhile
+      *why = quoted(topic) + ": cannot open its segment: " + systemError(errno);
+      return result;
+    }
+    const size_t segmentBytes = status.shm_segsz;
+    TopicHeader* header = mappings.map(id, segmentBytes);
+    if (header == nullptr) {
+      if (errno == EIDRM || errno == EINVAL) continue;
+      *why = quoted(topic) + ": cannot attach its segment: " + systemError(errno);
+      return result;
+    }
+    const uint64_t magic =
+        segmentBytes >= sizeof(uint64_t) ? header->magic.load(std::memory_order_acquire) : 0;
+    if (magic == kTypedMagic) {
+      *why = mismatch(header, segmentBytes, topic, type, depth);
+      if (!why->empty()) {
+        mappings.unmap(header);
+        return result;
+      }
+      result.header = header;
+      result.key = key;
+      return result;
+    }
+    mappings.unmap(header);
+    if (static_cast<uint32_t>(magic) == kPlainMagic) {
+      *why = quoted(topic) + " is a plain shared-memory topic (shm_*), not a typed one";
+      return result;
+    }
+    if (magic != 0) {
+      char first[32];
+      std::snprintf(first, sizeof first, "0x%016" PRIx64, magic);
+      *why = quoted(topic) + " holds a segment of an unknown kind (first word " + first + ")";
+      return result;
+    }
+    // Not initialised yet: its creator is at work, or died at work.
+    if (creatorGone(status.shm_cpid, status.shm_ctime)) {
+      shmctl(id, IPC_RMID, nullptr);  // by id: never a newer segment under the same key
+      continue;
+    }
+    if (monotonicNowNs() > giveUpAt) {
+      *why = quoted(topic) + ": its creator (pid " + std::to_string(status.shm_cpid) +
+             ") has not finished initialising it after 3 s";
+      return result;
+    }
+    const timespec pause{0, kPollNs};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+void detachTopic(TopicHeader* header) {
+  if (header != nullptr) Mappings::instance().unmap(header);
+}
+
+int64_t monotonicNowNs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace detail
+}  // namespace kelvo
+}  // namespace mosk
