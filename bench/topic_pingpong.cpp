@@ -44,9 +44,7 @@
 
 #include "mosk/kelvo/perf.h"
 #include "mosk/kelvo/shm.h"
-#ifdef KELVO_BENCH_WITH_TOPICS
 #include "mosk/kelvo/topic.h"
-#endif
 
 namespace pingpong {
 
@@ -94,11 +92,7 @@ constexpr char kProgram[] = "kelvo_topic_pingpong";
 // ---- options --------------------------------------------------------------------------------
 
 struct Options {
-#ifdef KELVO_BENCH_WITH_TOPICS
   std::vector<Transport> transports{Transport::kKelvo, Transport::kIceoryx, Transport::kShm};
-#else
-  std::vector<Transport> transports{Transport::kIceoryx, Transport::kShm};
-#endif
   std::vector<size_t> sizes{64, 65536};
   std::vector<bool> blocking{false, true};
   std::vector<bool> realtime{true, false};
@@ -444,10 +438,8 @@ void removeBlockTopics(const CaseConfig& config) {
   for (Role role : {Role::kPing, Role::kPong}) {
     std::string name = directionName(config, role);
     if (config.transport == Transport::kShm) shm_rm_by_topic(name.c_str());
-#ifdef KELVO_BENCH_WITH_TOPICS
     if (config.transport == Transport::kKelvo) mosk::kelvo::removeTopic(name);
-#endif
-    if (config.transport != Transport::kIceoryx) removeKeyFile(name);
+    if (config.transport == Transport::kShm) removeKeyFile(name);
   }
 }
 
@@ -465,11 +457,7 @@ int runWorker(const CaseConfig& config, Role role, Shared* shared) {
   }
   switch (config.transport) {
     case Transport::kKelvo:
-#ifdef KELVO_BENCH_WITH_TOPICS
       return runKelvoWorker(config, role, shared);
-#else
-      return fail(shared, role, "built without kelvo topics");
-#endif
     case Transport::kIceoryx:
       return runIceoryxWorker(config, role, shared);
     case Transport::kShm:
