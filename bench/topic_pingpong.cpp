@@ -278,9 +278,10 @@ void installSignalHandlers() {
   for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
 }
 
-// In a freshly forked child: die with the orchestrator, default signal handling.
-void becomeChild(pid_t orchestrator) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+// In a freshly forked child: receive `deathSignal` when the orchestrator dies, default signal
+// handling.
+void becomeChild(pid_t orchestrator, int deathSignal) {
+  prctl(PR_SET_PDEATHSIG, deathSignal);
   if (getppid() != orchestrator) _exit(1);
   for (int number : {SIGINT, SIGTERM, SIGHUP}) ::signal(number, SIG_DFL);
 }
@@ -315,25 +316,28 @@ class Roudi {
   Roudi(const Roudi&) = delete;
   Roudi& operator=(const Roudi&) = delete;
 
-  // Starts RouDi and waits until it accepts clients. False with the reason in *why.
+  // Starts RouDi and waits until it accepts clients. False with the reason in *why. Its output
+  // goes to a file that is unlinked at once (read through the descriptor), so that nothing is
+  // left behind whatever ends this process. RouDi gets SIGTERM if the orchestrator dies: it
+  // then removes its shared memory and socket itself.
   bool start(const Options& options, bool monitoring, std::string* why) {
     char path[] = "/tmp/kelvo-pingpong-roudi-XXXXXX";
-    int log = mkstemp(path);
-    if (log < 0) return (*why = std::string("cannot create a log file: ") + strerror(errno), false);
-    log_ = path;
+    log_ = mkstemp(path);
+    if (log_ < 0)
+      return (*why = std::string("cannot create a log file: ") + strerror(errno), false);
+    unlink(path);
     pid_t orchestrator = getpid();
     std::fflush(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
-      becomeChild(orchestrator);
-      dup2(log, STDOUT_FILENO);
-      dup2(log, STDERR_FILENO);
+      becomeChild(orchestrator, SIGTERM);
+      dup2(log_, STDOUT_FILENO);
+      dup2(log_, STDERR_FILENO);
       execlp(options.roudi.c_str(), "iox-roudi", "-c", options.roudiConfig.c_str(), "-m",
              monitoring ? "on" : "off", "-l", "warning", static_cast<char*>(nullptr));
       std::fprintf(stderr, "cannot run %s: %s\n", options.roudi.c_str(), strerror(errno));
       _exit(127);
     }
-    close(log);
     if (pid_ < 0) return (*why = std::string("fork: ") + strerror(errno), false);
     uint64_t deadline = monotonicNs() + 20000000000ull;
     while (monotonicNs() < deadline && !gInterrupted) {
@@ -366,16 +370,19 @@ class Roudi {
       }
       pid_ = -1;
     }
-    if (!log_.empty()) unlink(log_.c_str());
-    log_.clear();
+    if (log_ >= 0) close(log_);
+    log_ = -1;
   }
 
  private:
   std::string logText() const {
-    std::ifstream file(log_);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    std::string text;
+    char buffer[4096];
+    ssize_t got;
+    for (off_t at = 0; (got = pread(log_, buffer, sizeof buffer, at)) > 0; at += got) {
+      text.append(buffer, static_cast<size_t>(got));
+    }
+    return text;
   }
   std::string lastLogLines() const {
     std::string text = logText();
@@ -387,7 +394,7 @@ class Roudi {
   }
 
   pid_t pid_ = -1;
-  std::string log_;
+  int log_ = -1;
 };
 
 // ---- one block ------------------------------------------------------------------------------
@@ -471,7 +478,7 @@ pid_t forkWorker(const CaseConfig& config, Role role, Shared* shared) {
   std::fflush(nullptr);
   pid_t pid = fork();
   if (pid != 0) return pid;
-  becomeChild(orchestrator);
+  becomeChild(orchestrator, SIGKILL);
   // shm_timedwait reports every time-out on standard output: keep the table readable.
   int null = open("/dev/null", O_WRONLY);
   if (null >= 0) dup2(null, STDOUT_FILENO);
