@@ -96,7 +96,7 @@ struct Options {
   std::vector<size_t> sizes{64, 65536};
   std::vector<bool> blocking{false, true};
   std::vector<bool> realtime{true, false};
-  uint64_t rounds = 100000;
+  uint64_t rounds = 50000;
   uint64_t warmup = 2000;
   uint64_t blocks = 4;
   uint64_t publishSamples = 10000000;
@@ -104,6 +104,7 @@ struct Options {
   int priority = 80;
   double timeoutSeconds = 120;
   uint64_t waitSliceUs = 1000;
+  uint32_t kelvoDepth = mosk::kelvo::TopicOptions{}.depth;
   std::string roudi = KELVO_BENCH_IOX_ROUDI;
   std::string roudiConfig = KELVO_BENCH_ROUDI_CONFIG;
 };
@@ -114,7 +115,7 @@ const char kUsage[] =
     "  --sizes LIST           payload bytes: 64,65536 (default both)\n"
     "  --modes LIST           poll,block (default both)\n"
     "  --sched LIST           pinned,unpinned (default both; pinned needs SCHED_FIFO)\n"
-    "  --rounds N             measured round trips per case and transport (default 100000)\n"
+    "  --rounds N             measured round trips per case and transport (default 50000)\n"
     "  --warmup N             unmeasured round trips first, per block (default 2000)\n"
     "  --blocks N             blocks per case; transports take turns (default 4)\n"
     "  --publish-samples N    publishes timed under a full-speed reader; 0 skips (default "
@@ -124,6 +125,7 @@ const char kUsage[] =
     "  --timeout SECONDS      time limit of one block (default 120)\n"
     "  --wait-slice-us N      time limit of one blocking wait before it checks again (default "
     "1000)\n"
+    "  --kelvo-depth N        TopicOptions::depth of the kelvo topics, 1-65536 (default 16)\n"
     "  --roudi PATH           the iox-roudi program (default " KELVO_BENCH_IOX_ROUDI
     ")\n"
     "  --roudi-config PATH    RouDi configuration (default " KELVO_BENCH_ROUDI_CONFIG ")\n";
@@ -245,6 +247,8 @@ Options parseOptions(int argc, char** argv) {
       options.timeoutSeconds = static_cast<double>(parseNumber(option, value, 1, 3600));
     } else if (option == "--wait-slice-us") {
       options.waitSliceUs = parseNumber(option, value, 1, 1000000);
+    } else if (option == "--kelvo-depth") {
+      options.kelvoDepth = static_cast<uint32_t>(parseNumber(option, value, 1, 65536));
     } else if (option == "--roudi") {
       if (value.empty()) badOption(option, "empty path");
       options.roudi = value;
@@ -599,6 +603,7 @@ bool runPingPongCase(const Options& options, bool realtime, bool blocking, size_
       config.rounds = options.rounds / options.blocks + (block < options.rounds % options.blocks);
       config.warmup = options.warmup;
       config.waitSliceNs = options.waitSliceUs * 1000;
+      config.kelvoDepth = options.kelvoDepth;
       config.timeoutSeconds = options.timeoutSeconds;
       config.name = "kb" + std::to_string(getpid()) + "x" + std::to_string(++*blockCounter);
       if (config.rounds == 0) continue;
@@ -660,6 +665,7 @@ bool runPublishCase(const Options& options, bool realtime, const std::vector<Tra
     config.rounds = options.publishSamples;
     config.warmup = std::min<uint64_t>(options.warmup, options.publishSamples);
     config.timeoutSeconds = options.timeoutSeconds;
+    config.kelvoDepth = options.kelvoDepth;
     config.name = "kb" + std::to_string(getpid()) + "x" + std::to_string(++*blockCounter);
     BlockResult result = runBlock(config);
     if (!result.error.empty()) {

@@ -51,6 +51,7 @@ struct CaseConfig {
   int cpu[2] = {0, 1};
   uint64_t rounds = 0;             // measured round trips, or publishes
   uint64_t warmup = 0;             // unmeasured ones first
+  uint32_t kelvoDepth = 16;        // TopicOptions::depth of the kelvo topics
   uint64_t waitSliceNs = 1000000;  // one wait's time limit; the loop re-checks then
   double timeoutSeconds = 60;      // the worker gives up after this
   std::string name;                // unique per block: topic and service names derive from it

@@ -27,8 +27,9 @@ template <typename T>
 class KelvoLink {
  public:
   KelvoLink(const CaseConfig& config, Role role)
-      : publisher_(directionName(config, role)),
-        subscriber_(directionName(config, role == Role::kPing ? Role::kPong : Role::kPing)) {}
+      : publisher_(directionName(config, role), mosk::kelvo::TopicOptions{config.kelvoDepth}),
+        subscriber_(directionName(config, role == Role::kPing ? Role::kPong : Role::kPing),
+                    mosk::kelvo::TopicOptions{config.kelvoDepth}) {}
 
   std::string error() const {
     if (!publisher_) return publisher_.error();
