@@ -43,18 +43,30 @@ std::string systemError(int error) { return std::strerror(error); }
 // --- key files -----------------------------------------------------------------------------
 
 // Creates every missing directory on the way to `path`'s last component (mode 0777 less the
-// umask, as the shm_* topics do). Failures show when the key file cannot be created.
-void createParentDirectories(const std::string& path) {
+// umask, as the shm_* topics do). Returns the first directory that could not be made (and sets
+// *error), or empty.
+std::string createParentDirectories(const std::string& path, int* error) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string prefix = path.substr(0, slash);
-    if (access(prefix.c_str(), F_OK) != 0) mkdir(prefix.c_str(), 0777);
+    if (access(prefix.c_str(), F_OK) == 0) continue;
+    if (mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) {
+      *error = errno;
+      return prefix;
+    }
   }
+  return {};
 }
 
 key_t keyOf(const std::string& topic, std::string* why) {
   const std::string path = keyFilePath(topic);
-  createParentDirectories(path);
+  int directoryError = 0;
+  const std::string directory = createParentDirectories(path, &directoryError);
+  if (!directory.empty()) {
+    *why = quoted(topic) + ": cannot create the directory " + directory + ": " +
+           systemError(directoryError);
+    return -1;
+  }
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) {
