@@ -15,6 +15,12 @@ echo "== shared-memory topics"
 "$build/bench/kelvo_shm_bench" --benchmark_repetitions="$repetitions" \
   --benchmark_report_aggregates_only=true --benchmark_display_aggregates_only=true
 "$build/bench/kelvo_shm_wakeup" 20000
+echo "== typed topics against iceoryx and the plain shm_* functions (two processes)"
+if [ -x "$build/bench/kelvo_topic_pingpong" ]; then
+  "$build/bench/kelvo_topic_pingpong"
+else
+  echo "skipped: built without iceoryx (scripts/install-deps.sh installs it)"
+fi
 echo "== memory of 10,000 suspended coroutines"
 "$build/bench/kelvo_aco_memory"
 echo "== wake-up latency against cyclictest"

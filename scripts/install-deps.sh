@@ -8,11 +8,14 @@
 # latency plots (scripts/plot-latency.sh) and, with python3, the trace timeline picture
 # (scripts/trace-timeline.py); the build needs neither. nlohmann-json3-dev is
 # for the tests only (they parse the trace-viewer JSON). abigail-tools (abidw, abidiff)
-# compares the library's ABI with the committed baseline (scripts/abi-baseline.sh).
+# compares the library's ABI with the committed baseline (scripts/abi-baseline.sh). iceoryx
+# (RouDi) and libiceoryx-posh-dev are the peer of the typed-topics comparison
+# (bench/topic_pingpong.cpp).
 set -eu
 packages="g++ cmake ninja-build pkg-config googletest libgtest-dev libgmock-dev
   libbenchmark-dev libssl-dev libboost-context-dev rt-tests dpkg-dev
-  gnuplot-nox python3 nlohmann-json3-dev clang-14 libclang-rt-14-dev abigail-tools"
+  gnuplot-nox python3 nlohmann-json3-dev clang-14 libclang-rt-14-dev abigail-tools
+  iceoryx libiceoryx-posh-dev"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

@@ -5,28 +5,8 @@ set -u
 latency=$1
 check=$2
 failures=0
-
-# expect_refusal <pattern> <command...>: the command must exit non-zero within 20 s and print
-# a line matching <pattern> on standard error or output.
-expect_refusal() {
-  local pattern=$1
-  shift
-  local output status
-  output=$(timeout 20 "$@" 2>&1)
-  status=$?
-  if [ "$status" -eq 124 ]; then
-    echo "FAIL (hung): $*"
-    failures=$((failures + 1))
-  elif [ "$status" -eq 0 ]; then
-    echo "FAIL (exit 0): $* -> $output"
-    failures=$((failures + 1))
-  elif ! grep -q -- "$pattern" <<<"$output"; then
-    echo "FAIL (message): $* -> $output"
-    failures=$((failures + 1))
-  else
-    echo "ok: $* -> $(head -n 1 <<<"$output")"
-  fi
-}
+# shellcheck source=expect_refusal.sh
+. "$(dirname "$0")/expect_refusal.sh"
 
 cpus=$(nproc --all)
 expect_refusal "invalid -a '$((cpus + 97))'" "$latency" -a $((cpus + 97)) -D 1
