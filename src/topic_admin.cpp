@@ -17,8 +17,8 @@ namespace mosk {
 namespace kelvo {
 namespace {
 
-using detail::TopicHeader;
-using detail::TopicSlot;
+using internal::TopicHeader;
+using internal::TopicSlot;
 
 std::string quoted(const std::string& topic) { return "topic '" + topic + "'"; }
 
@@ -32,10 +32,10 @@ enum class Kind { kTyped, kPlain, kUninitialised, kUnknown };
 Kind kindOf(const TopicHeader* header, size_t segmentBytes) {
   if (segmentBytes < sizeof(uint64_t)) return Kind::kUnknown;
   const uint64_t magic = header->magic.load(std::memory_order_acquire);
-  if (magic == detail::kTypedMagic) {
-    return detail::headerConsistent(header, segmentBytes) ? Kind::kTyped : Kind::kUnknown;
+  if (magic == internal::kTypedMagic) {
+    return internal::headerConsistent(header, segmentBytes) ? Kind::kTyped : Kind::kUnknown;
   }
-  if (static_cast<uint32_t>(magic) == detail::kPlainMagic) return Kind::kPlain;
+  if (static_cast<uint32_t>(magic) == internal::kPlainMagic) return Kind::kPlain;
   return magic == 0 ? Kind::kUninitialised : Kind::kUnknown;
 }
 
@@ -48,9 +48,9 @@ struct Found {
 };
 
 bool findSegment(const std::string& topic, Found* found, std::string* why) {
-  const std::string problem = detail::checkTopicName(topic);
+  const std::string problem = internal::checkTopicName(topic);
   if (!problem.empty()) return report(why, problem);
-  const std::string path = detail::keyFilePath(topic);
+  const std::string path = internal::keyFilePath(topic);
   if (access(path.c_str(), F_OK) != 0) {
     return report(why, quoted(topic) + " does not exist (no key file " + path + ")");
   }
@@ -74,7 +74,7 @@ bool findSegment(const std::string& topic, Found* found, std::string* why) {
 
 // Removes the key file and the directories it leaves empty, up to /tmp/topics.
 void removeKeyFile(const std::string& topic) {
-  unlink(detail::keyFilePath(topic).c_str());
+  unlink(internal::keyFilePath(topic).c_str());
   std::string directory = topic;
   for (;;) {
     if (rmdir(("/tmp/topics/" + directory).c_str()) != 0) return;
@@ -86,7 +86,7 @@ void removeKeyFile(const std::string& topic) {
 
 // The publish time of `sequence` if its slot still holds it complete.
 bool slotTime(const TopicHeader* header, uint64_t sequence, int64_t* time) {
-  const char* ring = reinterpret_cast<const char*>(header) + detail::kHeaderBytes;
+  const char* ring = reinterpret_cast<const char*>(header) + internal::kHeaderBytes;
   const auto* slot =
       reinterpret_cast<const TopicSlot*>(ring + (sequence % header->slotCount) * header->slotBytes);
   if (slot->version.load(std::memory_order_acquire) != 2 * sequence) return false;
@@ -95,23 +95,23 @@ bool slotTime(const TopicHeader* header, uint64_t sequence, int64_t* time) {
 }
 
 void fillStatus(const TopicHeader* header, TopicStatus& status) {
-  status.typeName.assign(header->typeName, strnlen(header->typeName, detail::kTypeNameField));
+  status.typeName.assign(header->typeName, strnlen(header->typeName, internal::kTypeNameField));
   status.typeVersion = header->typeVersion;
   status.sampleSize = header->valueSize;
   status.depth = header->depth;
   status.publisherPid = header->owner.pid.load(std::memory_order_relaxed);
-  status.publisherAlive = detail::ownerAlive(header->owner);
+  status.publisherAlive = internal::ownerAlive(header->owner);
   status.published = header->head.load(std::memory_order_acquire);
   status.takeovers = header->takeovers.load(std::memory_order_relaxed);
   status.removed = header->removed.load(std::memory_order_relaxed) != 0;
   status.subscribers = 0;
   for (const auto& entry : header->subscribers) {
-    if (detail::tokenAlive(entry.load(std::memory_order_relaxed))) ++status.subscribers;
+    if (internal::tokenAlive(entry.load(std::memory_order_relaxed))) ++status.subscribers;
   }
   const uint64_t newest = status.published;
   int64_t newestTime = 0;
   if (newest == 0 || !slotTime(header, newest, &newestTime)) return;
-  status.newestAgeNs = detail::monotonicNowNs() - newestTime;
+  status.newestAgeNs = internal::monotonicNowNs() - newestTime;
   const uint64_t oldest = newest > header->depth ? newest - header->depth + 1 : 1;
   int64_t oldestTime = 0;
   if (oldest < newest && slotTime(header, oldest, &oldestTime) && newestTime > oldestTime) {
@@ -122,7 +122,7 @@ void fillStatus(const TopicHeader* header, TopicStatus& status) {
 
 }  // namespace
 
-std::string topicNameError(const std::string& topic) { return detail::checkTopicName(topic); }
+std::string topicNameError(const std::string& topic) { return internal::checkTopicName(topic); }
 
 int removeTopic(const std::string& topic, std::string* why) {
   Found found;
@@ -155,7 +155,7 @@ int removeTopic(const std::string& topic, std::string* why) {
     // Waiters see the flag, or the changed wake word makes their futex wait return.
     header->removed.store(1, std::memory_order_release);
     header->wake.fetch_add(1, std::memory_order_acq_rel);
-    detail::wakeAllWaiters(&header->wake);
+    internal::wakeAllWaiters(&header->wake);
   }
   const int rc = shmctl(found.id, IPC_RMID, nullptr);
   const int error = errno;

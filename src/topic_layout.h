@@ -14,7 +14,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 // "KLVTOPIC" in memory order; its first four bytes can never be a plain topic's 0x1234.
 constexpr uint64_t kTypedMagic = 0x4349504f54564c4bULL;
@@ -109,7 +109,7 @@ constexpr uint64_t segmentBytesFor(uint32_t valueSize, uint32_t alignment, uint3
   return kHeaderBytes + slotBytesFor(valueSize, alignment) * (uint64_t{depth} + 1);
 }
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

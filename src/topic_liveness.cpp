@@ -17,7 +17,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 namespace {
 
 std::atomic<uint64_t> generation{1};
@@ -237,6 +237,6 @@ void releaseOwnership(OwnerRecord& record) { Keeper::instance().release(record);
 
 uint64_t processGeneration() { return generation.load(std::memory_order_relaxed); }
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk

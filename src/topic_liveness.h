@@ -27,7 +27,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 enum class ClaimResult {
   kClaimed,   // the record had no owner
@@ -51,7 +51,7 @@ inline bool ownerAlive(const OwnerRecord& record) {
 // Changes in every fork child (and never otherwise).
 uint64_t processGeneration();
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

@@ -27,7 +27,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 namespace {
 
 constexpr const char* kRoot = "/tmp/topics/";
@@ -451,6 +451,6 @@ int64_t monotonicNowNs() {
   return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk

@@ -16,7 +16,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 // Why `topic` cannot name a topic, or empty when it can.
 std::string checkTopicName(const std::string& topic);
@@ -64,7 +64,7 @@ void wakeAllWaiters(std::atomic<uint32_t>* word);
 // The current CLOCK_MONOTONIC time in nanoseconds (the time base of samples).
 int64_t monotonicNowNs();
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

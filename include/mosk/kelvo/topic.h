@@ -184,7 +184,7 @@ KELVO_EXPORT bool topicStatus(const std::string& topic, TopicStatus& status,
 // from a configuration before connecting).
 KELVO_EXPORT std::string topicNameError(const std::string& topic);
 
-namespace detail {
+namespace internal {
 
 struct TopicHeader;
 struct TopicSlot;
@@ -292,14 +292,14 @@ TopicTypeInfo topicTypeOf() {
   return kelvoTopicTypeOf(static_cast<const T*>(nullptr));
 }
 
-}  // namespace detail
+}  // namespace internal
 
 // The one writer of a topic.
 template <typename T>
 class Publisher {
  public:
   explicit Publisher(const std::string& topic, TopicOptions options = {})
-      : core_(topic, detail::topicTypeOf<T>(), options.depth) {}
+      : core_(topic, internal::topicTypeOf<T>(), options.depth) {}
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
@@ -332,7 +332,7 @@ class Publisher {
   void setTraceEnabled(bool enabled) { core_.setTraceEnabled(enabled); }
 
  private:
-  detail::TopicWriter core_;
+  internal::TopicWriter core_;
 };
 
 // A reader of a topic. Each Subscriber has its own position for take().
@@ -340,7 +340,7 @@ template <typename T>
 class Subscriber {
  public:
   explicit Subscriber(const std::string& topic, TopicOptions options = {})
-      : core_(topic, detail::topicTypeOf<T>(), options.depth) {}
+      : core_(topic, internal::topicTypeOf<T>(), options.depth) {}
   Subscriber(const Subscriber&) = delete;
   Subscriber& operator=(const Subscriber&) = delete;
 
@@ -381,7 +381,7 @@ class Subscriber {
   void setTraceEnabled(bool enabled) { core_.setTraceEnabled(enabled); }
 
  private:
-  detail::TopicReader core_;
+  internal::TopicReader core_;
 };
 
 }  // namespace kelvo
