@@ -1,0 +1,128 @@
+// The task model (the task classes and the per-task record a periodic thread keeps) and the
+// body of every task's coroutine, with the cooperative yields that suspend it.
+#include <sched.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "kelvo_assert.h"
+#include "mosk/kelvo/thread.h"
+#include "mosk/kelvo/trace_task_names.h"
+#include "periodic_thread_private.h"
+
+namespace mosk {
+namespace kelvo {
+
+namespace internal {
+
+__thread bool is_aco = false;
+__thread bool eager_run = false;
+
+}  // namespace internal
+
+namespace {
+
+int __assert_failures = 0;
+
+std::atomic<uint64_t> nextWrapperSerial{1};
+
+using internal::eager_run;
+using internal::is_aco;
+using internal::kRelaxed;
+
+}  // namespace
+
+RealTimeTaskApi::~RealTimeTaskApi() = default;
+RealTimeTask::~RealTimeTask() = default;
+
+RealTimeTaskInternal::RealTimeTaskInternal(const std::string& name, std::function<void()> body,
+                                           int priority, unsigned long expectedMaxRuntime)
+    : name(name),
+      body(std::move(body)),
+      priority(priority),
+      expectedMaxRuntime(expectedMaxRuntime) {}
+
+RealTimeTaskInternal::~RealTimeTaskInternal() = default;
+
+void RealTimeTaskInternal::init(std::shared_ptr<RealTimeTaskApi>) {}
+std::string RealTimeTaskInternal::getName() const { return name; }
+int RealTimeTaskInternal::getPriority() const { return priority; }
+unsigned long RealTimeTaskInternal::getExpectedMaxRuntime() { return expectedMaxRuntime; }
+
+void RealTimeTaskInternal::execute() {
+  if (body) body();
+}
+
+RealTimeTaskWrapper::RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco_coroutine* mainCo,
+                                         bool runOnce)
+    : task(std::move(task)),
+      runOnce(runOnce),
+      mainCo(mainCo),
+      serial(nextWrapperSerial.fetch_add(1, kRelaxed)) {
+  // The trace viewer names this task's runs from here on; the loop records only the serial.
+  TraceTaskNames::add(serial, this->task != nullptr ? this->task->getName() : std::string());
+}
+
+RealTimeTaskWrapper::~RealTimeTaskWrapper() {
+  TraceTaskNames::retire(serial);
+  if (!useCoroutine || shareStack == nullptr) return;
+  // A share stack is only ever created together with its coroutine; one without the other
+  // means the record is corrupt, and destroying a null coroutine aborts.
+  aco_destroy(co);
+  aco_share_stack_destroy(shareStack);
+}
+
+unsigned long RealTimeTaskWrapper::getMaxRuntime() const { return maxRuntimeUs.load(kRelaxed); }
+
+std::string RealTimeTaskWrapper::getErrorString() const { return errorString; }
+
+// ---------------------------------------------------------------------------------------------
+// Cooperative tasks
+// ---------------------------------------------------------------------------------------------
+
+void RealTimeTaskWrapper::execute_aco() {
+  aco_coroutine* this_co = aco_get_co();
+  KELVO_ASSERT_AT(!aco_is_main_co(this_co), "!aco_is_main_co(this_co)", "src/thread", 302);
+  KELVO_ASSERT_AT(this_co->is_end == 0, "this_co->is_end == 0", "src/thread", 303);
+  auto* wrapper = static_cast<RealTimeTaskWrapper*>(aco_get_arg());
+  if (wrapper->runOnce) {
+    wrapper->task->execute();
+    wrapper->deleteFlag.store(true, kRelaxed);
+    aco_exit();
+  }
+  for (;;) {
+    wrapper->task->execute();
+    aco_yield();
+  }
+}
+
+void PeriodicThread::yield() {
+  if (!is_aco) {
+    sched_yield();
+    return;
+  }
+  aco_yield();
+}
+
+void PeriodicThread::yield1() {
+  eager_run = true;
+  yield();
+}
+
+bool PeriodicThread::check_co() { return is_aco; }
+
+namespace internal {
+
+void createCoroutine(RealTimeTaskWrapper& wrapper) {
+  wrapper.shareStack = aco_share_stack_new(0);
+  KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
+  wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0, &RealTimeTaskWrapper::execute_aco,
+                          &wrapper);
+}
+
+}  // namespace internal
+
+}  // namespace kelvo
+}  // namespace mosk
