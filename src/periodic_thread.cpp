@@ -16,6 +16,7 @@
 #include "mosk/kelvo/time_trace.h"
 #include "mosk/kelvo/trace_task_names.h"
 #include "periodic_thread_private.h"
+#include "periodic_thread_trace.h"
 
 namespace mosk {
 namespace kelvo {
@@ -95,7 +96,7 @@ bool PeriodicThread::PrivateData::runPasses() {
       const auto live = std::count_if(tasks.begin(), tasks.end(), [](const WrapperPtr& w) {
         return !w->purged.load(kRelaxed);
       });
-      trace("Task FRAME ++++++++++ started, %d tasks", static_cast<uint32_t>(live));
+      trace(internal::kPassStartFormat, static_cast<uint32_t>(live));
     }
     int index = 0;
     for (size_t i = 0; i < tasks.size(); ++i) {
@@ -135,7 +136,7 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
   const uint32_t idLow = TraceTaskNames::lowWord(wrapper.serial);
   const uint32_t idHigh = TraceTaskNames::highWord(wrapper.serial);
   const uint64_t t0 = Cycles::rdtsc();
-  trace("Task[%d] >>>>>>>> started", static_cast<uint32_t>(index), 0, idLow, idHigh);
+  trace(internal::kTaskStartFormat, static_cast<uint32_t>(index), 0, idLow, idHigh);
   wrapper.runState.store(RealTimeTaskWrapper::kRunning, kRelaxed);
   if (wrapper.co == nullptr) createCoroutine(wrapper);
   aco_resume(wrapper.co);
@@ -146,8 +147,8 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
     wrapper.runState.store(RealTimeTaskWrapper::kDone, kRelaxed);
   }
   const uint64_t runs = wrapper.runCount.load(kRelaxed);
-  trace("Task[%d] <<<<<<<< end %d", static_cast<uint32_t>(index), static_cast<uint32_t>(runs),
-        idLow, idHigh);
+  trace(internal::kTaskEndFormat, static_cast<uint32_t>(index), static_cast<uint32_t>(runs), idLow,
+        idHigh);
   wrapper.runCount.store(runs + 1, kRelaxed);
   const uint64_t us = Cycles::toMicroseconds(Cycles::rdtsc() - t0, 0);
   addRelaxed(wrapper.totalRuntimeUs, us);

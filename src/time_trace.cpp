@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "mosk/kelvo/trace_task_names.h"
+#include "periodic_thread_trace.h"
 #include "time_trace_rings.h"
 
 namespace mosk {
@@ -414,17 +415,13 @@ std::string TimeTrace::Buffer::threadName() const {
 
 namespace {
 
-// The periodic thread's loop events that become slices; everything else is an instant.
-constexpr char kPassFormat[] = "Task FRAME ++++++++++ started, %d tasks";
-constexpr char kTaskStartFormat[] = "Task[%d] >>>>>>>> started";
-constexpr char kTaskEndFormat[] = "Task[%d] <<<<<<<< end %d";
-
+// The periodic thread's loop events become slices; everything else is an instant.
 enum class EventKind { kInstant, kPassStart, kTaskStart, kTaskEnd };
 
 EventKind classify(const char* format) {
-  if (std::strcmp(format, kPassFormat) == 0) return EventKind::kPassStart;
-  if (std::strcmp(format, kTaskStartFormat) == 0) return EventKind::kTaskStart;
-  if (std::strcmp(format, kTaskEndFormat) == 0) return EventKind::kTaskEnd;
+  if (std::strcmp(format, internal::kPassStartFormat) == 0) return EventKind::kPassStart;
+  if (std::strcmp(format, internal::kTaskStartFormat) == 0) return EventKind::kTaskStart;
+  if (std::strcmp(format, internal::kTaskEndFormat) == 0) return EventKind::kTaskEnd;
   return EventKind::kInstant;
 }
 
