@@ -7,7 +7,7 @@
 //  - AddressSanitizer: fiber-switch annotations (__sanitizer_start_switch_fiber /
 //    __sanitizer_finish_switch_fiber), so that ASan knows which stack is current (stack
 //    bounds for reports, for __asan_handle_no_return on abort and exceptions). The stack copy
-//    routine is excluded from instrumentation (no_sanitize_address, and `rep movsb` instead of
+//    routine (aco_stack_copy.h) is excluded from instrumentation (no_sanitize_address, and `rep movsb` instead of
 //    the intercepted memcpy): it must read whole frames, redzones included. When a share stack
 //    changes hands its shadow is cleared, because the frames of the previous owner (or of an
 //    exited coroutine) left redzone poison that does not match the incoming frames.
@@ -19,7 +19,6 @@
 // the plain build that call is a tail call instead: see aco_resume.)
 #include "mosk/kelvo/aco.h"
 
-#include <emmintrin.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "aco_stack_copy.h"
 #include "sanitizer_fiber.h"
 
 #if KELVO_ASAN || KELVO_TSAN
@@ -47,6 +47,8 @@ extern "C" __attribute__((visibility("hidden"))) void kelvo_acosw_local(aco_coro
                                                                         aco_coroutine* to);
 
 namespace {
+
+using mosk::kelvo::internal::copyStack;
 
 constexpr size_t kDefaultShareStackSize = 2 * 1024 * 1024;
 constexpr size_t kMinShareStackSize = 4096;
@@ -70,64 +72,6 @@ constexpr int kLineSaveStackGrowth = 414;
 // Misuse and broken invariants abort without a message.
 inline void abortUnless(bool condition) {
   if (__builtin_expect(!condition, 0)) std::abort();
-}
-
-// ---- Stack copies ----
-
-// A plain forward copy. Under ASan it must not go through the intercepted memcpy, which would
-// check the source range and trip over the redzones inside the frames being saved.
-KELVO_NO_ASAN inline void copyBytes(void* dst, const void* src, size_t n) {
-#if KELVO_ASAN
-  __asm__ volatile("rep movsb" : "+D"(dst), "+S"(src), "+c"(n) : : "memory");
-#else
-  std::memcpy(dst, src, n);
-#endif
-}
-
-// Copies a saved stack. A shallow yield leaves a region that starts 8 bytes below a 16-byte
-// boundary (the return slot is 8 below the aligned top): 16k + 8 bytes between two 16-byte
-// aligned addresses. Those up to 136 bytes are moved with aligned 16-byte loads and stores
-// plus one final 8-byte move, without a call; everything else goes to memcpy.
-KELVO_NO_ASAN inline void copyStack(void* dst, const void* src, size_t n) {
-  const uintptr_t alignment = reinterpret_cast<uintptr_t>(dst) | reinterpret_cast<uintptr_t>(src);
-  if ((alignment & 15) == 0 && n <= 136 && (n & 15) == 8) {
-    __m128i* d = static_cast<__m128i*>(dst);
-    const __m128i* s = static_cast<const __m128i*>(src);
-    switch (n >> 4) {
-      case 8:
-        _mm_store_si128(d + 7, _mm_load_si128(s + 7));
-        [[fallthrough]];
-      case 7:
-        _mm_store_si128(d + 6, _mm_load_si128(s + 6));
-        [[fallthrough]];
-      case 6:
-        _mm_store_si128(d + 5, _mm_load_si128(s + 5));
-        [[fallthrough]];
-      case 5:
-        _mm_store_si128(d + 4, _mm_load_si128(s + 4));
-        [[fallthrough]];
-      case 4:
-        _mm_store_si128(d + 3, _mm_load_si128(s + 3));
-        [[fallthrough]];
-      case 3:
-        _mm_store_si128(d + 2, _mm_load_si128(s + 2));
-        [[fallthrough]];
-      case 2:
-        _mm_store_si128(d + 1, _mm_load_si128(s + 1));
-        [[fallthrough]];
-      case 1:
-        _mm_store_si128(d + 0, _mm_load_si128(s + 0));
-        [[fallthrough]];
-      default:
-        break;
-    }
-    const size_t tail = n - 8;
-    uint64_t last;
-    __builtin_memcpy(&last, static_cast<const char*>(src) + tail, 8);
-    __builtin_memcpy(static_cast<char*>(dst) + tail, &last, 8);
-    return;
-  }
-  copyBytes(dst, src, n);
 }
 
 // ---- Sanitizer bookkeeping (sanitizer builds only) ----

@@ -19,63 +19,34 @@
 #include <ctime>
 
 #include "kelvo_assert.h"
+#include "shm_header.h"
 
 // The C library's overflow report: "*** buffer overflow detected ***: terminated", then abort.
 extern "C" [[noreturn]] void __chk_fail(void);
 
 namespace {
 
+using mosk::kelvo::internal::condition;
+using mosk::kelvo::internal::condMutex;
+using mosk::kelvo::internal::dataOf;
+using mosk::kelvo::internal::headerOf;
+using mosk::kelvo::internal::isUsable;
+using mosk::kelvo::internal::kMagic;
+using mosk::kelvo::internal::kTopicNameSize;
+using mosk::kelvo::internal::loadWord;
+using mosk::kelvo::internal::lockMutex;
+using mosk::kelvo::internal::noteLocked;
+using mosk::kelvo::internal::noteUnlocking;
+using mosk::kelvo::internal::rwLock;
+using mosk::kelvo::internal::SegmentHeader;
+using mosk::kelvo::internal::storeWord;
+using mosk::kelvo::internal::storeWord64;
+
 int __assert_failures = 0;
 
 constexpr const char* kPath = "src/shm";
-constexpr uint32_t kMagic = 0x1234;
 constexpr const char* kKeyFileFormat = "/tmp/topics/%s/shmkey";
 constexpr size_t kKeyPathSize = 64;
-constexpr size_t kTopicNameSize = 128;
-
-// The segment header as every process sees it. The layout is shared between processes (and
-// between builds of the library), so it is packed to 4 bytes and pinned by the checks below.
-#pragma pack(push, 4)
-struct SegmentHeader {
-  uint32_t magic;
-  uint32_t creator_pid;
-  uint32_t reserved_a;
-  uint64_t reserved_b;
-  uint64_t page_size;
-  uint32_t owner_tid;
-  uint32_t reserved_c;
-  pthread_mutex_t lock_mutex;
-  pthread_mutex_t cond_mutex;
-  pthread_cond_t cond;
-  pthread_rwlock_t rwlock;
-  uint64_t lock_count;
-  uint64_t unlock_count;
-  char topic_name[kTopicNameSize];
-  uint32_t key;
-  uint32_t size;
-};
-#pragma pack(pop)
-
-static_assert(sizeof(pthread_mutex_t) == 40, "mutex size is part of the segment layout");
-static_assert(sizeof(pthread_cond_t) == 48, "condition size is part of the segment layout");
-static_assert(sizeof(pthread_rwlock_t) == 56, "rwlock size is part of the segment layout");
-static_assert(offsetof(SegmentHeader, magic) == 0, "segment layout");
-static_assert(offsetof(SegmentHeader, creator_pid) == 4, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_a) == 8, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_b) == 12, "segment layout");
-static_assert(offsetof(SegmentHeader, page_size) == 20, "segment layout");
-static_assert(offsetof(SegmentHeader, owner_tid) == 28, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_c) == 32, "segment layout");
-static_assert(offsetof(SegmentHeader, lock_mutex) == 36, "segment layout");
-static_assert(offsetof(SegmentHeader, cond_mutex) == 76, "segment layout");
-static_assert(offsetof(SegmentHeader, cond) == 116, "segment layout");
-static_assert(offsetof(SegmentHeader, rwlock) == 164, "segment layout");
-static_assert(offsetof(SegmentHeader, lock_count) == 220, "segment layout");
-static_assert(offsetof(SegmentHeader, unlock_count) == 228, "segment layout");
-static_assert(offsetof(SegmentHeader, topic_name) == 236, "segment layout");
-static_assert(offsetof(SegmentHeader, key) == 364, "segment layout");
-static_assert(offsetof(SegmentHeader, size) == 368, "segment layout");
-static_assert(sizeof(SegmentHeader) == MEM_HDR_SIZE, "segment layout");
 
 #define SHM_ASSERT(condition, text) KELVO_ASSERT_AT(condition, text, kPath, __LINE__)
 
@@ -103,66 +74,6 @@ static_assert(sizeof(SegmentHeader) == MEM_HDR_SIZE, "segment layout");
                                                             __LINE__, error);                \
     }                                                                                        \
   } while (0)
-
-// Member addresses by offset: the members of a packed struct are not naturally aligned, and
-// the pthread functions only need the address.
-template <typename T>
-T* member(SegmentHeader* header, size_t offset) {
-  return reinterpret_cast<T*>(reinterpret_cast<char*>(header) + offset);
-}
-
-pthread_mutex_t* lockMutex(SegmentHeader* h) {
-  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, lock_mutex));
-}
-pthread_mutex_t* condMutex(SegmentHeader* h) {
-  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, cond_mutex));
-}
-pthread_cond_t* condition(SegmentHeader* h) {
-  return member<pthread_cond_t>(h, offsetof(SegmentHeader, cond));
-}
-pthread_rwlock_t* rwLock(SegmentHeader* h) {
-  return member<pthread_rwlock_t>(h, offsetof(SegmentHeader, rwlock));
-}
-
-// The bookkeeping words are plain shared words: other processes read and write them without
-// any lock. Relaxed atomic loads and stores compile to the same plain moves on x86-64 and keep
-// the concurrent accesses of threads in this process defined. The counters are deliberately
-// not incremented atomically (a load and a store): they are diagnostics.
-typedef uint64_t Word64 __attribute__((aligned(4)));
-
-uint32_t loadWord(SegmentHeader* h, size_t offset) {
-  return __atomic_load_n(member<uint32_t>(h, offset), __ATOMIC_RELAXED);
-}
-void storeWord(SegmentHeader* h, size_t offset, uint32_t value) {
-  __atomic_store_n(member<uint32_t>(h, offset), value, __ATOMIC_RELAXED);
-}
-uint64_t loadWord64(SegmentHeader* h, size_t offset) {
-  return __atomic_load_n(member<Word64>(h, offset), __ATOMIC_RELAXED);
-}
-void storeWord64(SegmentHeader* h, size_t offset, uint64_t value) {
-  __atomic_store_n(member<Word64>(h, offset), value, __ATOMIC_RELAXED);
-}
-void incrementWord64(SegmentHeader* h, size_t offset) {
-  storeWord64(h, offset, loadWord64(h, offset) + 1);
-}
-
-bool isUsable(SegmentHeader* h) { return loadWord(h, offsetof(SegmentHeader, magic)) == kMagic; }
-
-SegmentHeader* headerOf(void* mem) {
-  return reinterpret_cast<SegmentHeader*>(static_cast<char*>(mem) - MEM_HDR_SIZE);
-}
-
-void* dataOf(void* segment) { return static_cast<char*>(segment) + MEM_HDR_SIZE; }
-
-void noteLocked(SegmentHeader* h, uint32_t tid) {
-  storeWord(h, offsetof(SegmentHeader, owner_tid), tid);
-  incrementWord64(h, offsetof(SegmentHeader, lock_count));
-}
-
-void noteUnlocking(SegmentHeader* h) {
-  incrementWord64(h, offsetof(SegmentHeader, unlock_count));
-  storeWord(h, offsetof(SegmentHeader, owner_tid), 0);
-}
 
 // Formats the key-file path of `topic` into `path` (kKeyPathSize bytes). A name that does not
 // fit ends the process the way the C library's checked sprintf does.
