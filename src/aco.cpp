@@ -7,10 +7,10 @@
 //  - AddressSanitizer: fiber-switch annotations (__sanitizer_start_switch_fiber /
 //    __sanitizer_finish_switch_fiber), so that ASan knows which stack is current (stack
 //    bounds for reports, for __asan_handle_no_return on abort and exceptions). The stack copy
-//    routine (aco_stack_copy.h) is excluded from instrumentation (no_sanitize_address, and `rep movsb` instead of
-//    the intercepted memcpy): it must read whole frames, redzones included. When a share stack
-//    changes hands its shadow is cleared, because the frames of the previous owner (or of an
-//    exited coroutine) left redzone poison that does not match the incoming frames.
+//    routine (aco_stack_copy.h) is excluded from instrumentation (no_sanitize_address, and `rep
+//    movsb` instead of the intercepted memcpy): it must read whole frames, redzones included. When
+//    a share stack changes hands its shadow is cleared, because the frames of the previous owner
+//    (or of an exited coroutine) left redzone poison that does not match the incoming frames.
 //  - ThreadSanitizer: one TSan fiber per non-main coroutine (__tsan_create_fiber), entered
 //    and left with __tsan_switch_to_fiber (synchronising), destroyed with the coroutine.
 // Both are done around the acosw() call in aco_resume(): every switch into a coroutine and
@@ -54,8 +54,9 @@ constexpr size_t kDefaultShareStackSize = 2 * 1024 * 1024;
 constexpr size_t kMinShareStackSize = 4096;
 constexpr size_t kDefaultSaveStackSize = 64;
 
-// Source lines reported by the allocation-failure message, one per allocation site. They are
-// part of the message users see and match in their logs, so they stay fixed.
+// Source lines reported by the allocation-failure message, one per allocation site. Frozen (the
+// line rule of kelvo_assert.h): they are part of the message users see and match in their logs,
+// so they stay as they are whatever moves in this file.
 constexpr int kLineShareStackRecord = 248;
 constexpr int kLineShareStackMapping = 255;
 constexpr int kLineShareStackArea = 267;

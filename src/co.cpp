@@ -22,8 +22,19 @@ thread_local Ordinator ordinator;
 namespace {
 
 int __assert_failures = 0;
+constexpr char kAssertPath[] = "src/co";
 
-constexpr const char* kPath = "src/co";
+// Lines reported by the scheduler's checks. Frozen: users and tests match them in the messages,
+// so they stay as they are whatever moves in this file.
+constexpr int kLineRecycledSlotEmptied = 68;
+constexpr int kLineRecycledRoutineExists = 77;
+constexpr int kLineResumeFromScheduler = 85;
+constexpr int kLineResumeIdInRange = 86;
+constexpr int kLineYieldWithinStack = 176;
+constexpr int kLineStatusIdInRange = 201;
+constexpr int kLineStatusRoutineExists = 202;
+constexpr int kLineFinishIdInRange = 208;
+constexpr int kLineFinishRoutineExists = 209;
 constexpr useconds_t kPlainThreadYieldSleepUs = 5000;
 
 constexpr int32_t kStatusCreated = 1;
@@ -171,11 +182,12 @@ unsigned int create(std::function<void()> f, uint64_t stack_size) {
   // it fails the same check as an empty slot instead of reading outside the table.
   const bool inTable = id >= 1 && id - 1 < ord->routines.size();
   Routine* routine = inTable ? ord->routines[id - 1] : nullptr;
-  KELVO_ASSERT_AT(routine != nullptr, "routine != nullptr", kPath, 77);
+  KELVO_ASSERT(routine != nullptr, "routine != nullptr", kLineRecycledRoutineExists);
   freeRoutine(routine);
   ord->routines[id - 1] = nullptr;
   ord->indexes.pop_front();
-  KELVO_ASSERT_AT(ord->routines[id - 1] == nullptr, "ord->routines[id - 1] == nullptr", kPath, 68);
+  KELVO_ASSERT(ord->routines[id - 1] == nullptr, "ord->routines[id - 1] == nullptr",
+               kLineRecycledSlotEmptied);
   ord->routines[id - 1] = fresh;
   return id;
 }
@@ -184,9 +196,9 @@ int resume(unsigned int id) {
   // One thread-local lookup per call: every access to `ordinator` from this shared library
   // goes through the TLS resolver.
   Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(ord.current == 0, "ordinator.current == 0", kPath, 85);
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 86);
+  KELVO_ASSERT(ord.current == 0, "ordinator.current == 0", kLineResumeFromScheduler);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineResumeIdInRange);
   Routine* routine = ord.routines[id - 1];
   if (routine == nullptr) return -1;
   if (routine->finished) return -2;
@@ -220,8 +232,8 @@ int yield() {
   const char* stack_bottom = &stack_bottom_marker;
 #endif
   const char* stack_top = routine->stack + routine->stack_size;
-  KELVO_ASSERT_AT(size_t(stack_top - stack_bottom) <= routine->stack_size,
-                  "size_t(stack_top - &stack_bottom) <= routine->stack_size", kPath, 176);
+  KELVO_ASSERT(size_t(stack_top - stack_bottom) <= routine->stack_size,
+               "size_t(stack_top - &stack_bottom) <= routine->stack_size", kLineYieldWithinStack);
 
   routine->status = kStatusYielded;
   ord.current = 0;
@@ -244,19 +256,19 @@ void recycle(unsigned int id) { ordinator.indexes.push_back(id); }
 
 int routine_status(unsigned int id) {
   const Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 201);
-  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
-                  202);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineStatusIdInRange);
+  KELVO_ASSERT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+               kLineStatusRoutineExists);
   return ord.routines[id - 1]->status;
 }
 
 bool routine_finish(unsigned int id) {
   const Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 208);
-  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
-                  209);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineFinishIdInRange);
+  KELVO_ASSERT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+               kLineFinishRoutineExists);
   return ord.routines[id - 1]->finished;
 }
 

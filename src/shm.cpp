@@ -44,36 +44,9 @@ using mosk::kelvo::internal::storeWord64;
 
 int __assert_failures = 0;
 
-constexpr const char* kPath = "src/shm";
+constexpr char kAssertPath[] = "src/shm";
 constexpr const char* kKeyFileFormat = "/tmp/topics/%s/shmkey";
 constexpr size_t kKeyPathSize = 64;
-
-#define SHM_ASSERT(condition, text) KELVO_ASSERT_AT(condition, text, kPath, __LINE__)
-
-#define SHM_ASSERT_ERRNO(condition, text)                                                       \
-  do {                                                                                          \
-    if (!(condition)) {                                                                         \
-      int error = errno;                                                                        \
-      ::mosk::kelvo::internal::assertFailedWithErrno(&__assert_failures, text, kPath, __LINE__, \
-                                                     error);                                    \
-    }                                                                                           \
-  } while (0)
-
-#define SHM_ASSERT_NOT_NULL(pointer, name)                                                     \
-  do {                                                                                         \
-    if ((pointer) == nullptr) {                                                                \
-      ::mosk::kelvo::internal::assertNotNullFailed(&__assert_failures, name, kPath, __LINE__); \
-    }                                                                                          \
-  } while (0)
-
-#define SHM_ASSERT_NOT_NULL_ERRNO(pointer, name)                                             \
-  do {                                                                                       \
-    if ((pointer) == nullptr) {                                                              \
-      int error = errno;                                                                     \
-      ::mosk::kelvo::internal::assertNotNullFailedWithErrno(&__assert_failures, name, kPath, \
-                                                            __LINE__, error);                \
-    }                                                                                        \
-  } while (0)
 
 // Formats the key-file path of `topic` into `path` (kKeyPathSize bytes). A name that does not
 // fit ends the process the way the C library's checked sprintf does.
@@ -98,7 +71,7 @@ void createParentDirectories(const char* path) {
 void ensureKeyFile(const char* pathname) {
   int fd = open(pathname, O_RDONLY);
   if (fd == -1) {
-    SHM_ASSERT((fd = creat(pathname, 0666)) != -1, "fd = creat(pathname, 0666) != -1");
+    KELVO_ASSERT((fd = creat(pathname, 0666)) != -1, "fd = creat(pathname, 0666) != -1", __LINE__);
   }
   close(fd);
 }
@@ -109,7 +82,8 @@ key_t topic_to_key(const char* topic) {
   createParentDirectories(path_shm);
   ensureKeyFile(path_shm);
   key_t shm_key;
-  SHM_ASSERT_ERRNO((shm_key = ftok(path_shm, 1)) > 0, "(shm_key = ftok(path_shm, 1)) > 0");
+  KELVO_ASSERT_ERRNO((shm_key = ftok(path_shm, 1)) > 0, "(shm_key = ftok(path_shm, 1)) > 0",
+                     __LINE__);
   return shm_key;
 }
 
@@ -151,8 +125,8 @@ void initialiseSyncObjects(SegmentHeader* h) {
 // set-up.
 void initialiseSegment(int shm_id, SegmentHeader* h, key_t key, size_t size) {
   struct shmid_ds shared_mem_info;
-  SHM_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
-                   "shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0");
+  KELVO_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
+                     "shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0", __LINE__);
   initialiseSyncObjects(h);
   long page_size = sysconf(_SC_PAGESIZE);
   pretouch(reinterpret_cast<const char*>(h), size, page_size);
@@ -205,7 +179,7 @@ namespace {
 
 // shm_rdlock and shm_wrlock: one try, the error number passed on, bookkeeping on success.
 inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -221,20 +195,21 @@ extern "C" {
 
 void* shm_connect_by_key(key_t key, size_t size) {
   int shm_id = shmget(key, size + MEM_HDR_SIZE, IPC_CREAT | 0600);
-  SHM_ASSERT(shm_id > 0, "shm_id > 0");
+  KELVO_ASSERT(shm_id > 0, "shm_id > 0", __LINE__);
   struct shmid_ds buf;
   std::memset(&buf, 0, sizeof buf);
   shmctl(shm_id, IPC_STAT, &buf);
-  SHM_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz");
+  KELVO_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz",
+               __LINE__);
   void* mem = shmat(shm_id, nullptr, 0);
-  SHM_ASSERT_NOT_NULL_ERRNO(mem, "mem");
+  KELVO_ASSERT_NOT_NULL_ERRNO(mem, "mem", __LINE__);
   auto* header = static_cast<SegmentHeader*>(mem);
   if (!isUsable(header)) initialiseSegment(shm_id, header, key, size);
   return dataOf(mem);
 }
 
 void* shm_connect_by_topic(const char* topic, size_t size) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   void* mem = shm_connect_by_key(topic_to_key(topic), size);
   SegmentHeader* header = headerOf(mem);
   if (!isUsable(header)) return nullptr;
@@ -244,7 +219,7 @@ void* shm_connect_by_topic(const char* topic, size_t size) {
 }
 
 uint64_t shm_nattch_by_topic(const char* topic) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
@@ -255,7 +230,7 @@ uint64_t shm_nattch_by_topic(const char* topic) {
 }
 
 int shm_rm_by_topic(const char* topic) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
@@ -297,12 +272,12 @@ int shm_rm_by_key(key_t key) {
 }
 
 int shm_disconnect(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   return -1;
 }
 
 int shm_trylock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -316,7 +291,7 @@ int shm_rdlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_tryrdloc
 int shm_wrlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_trywrlock); }
 
 int shm_unlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   noteUnlocking(h);
@@ -325,7 +300,7 @@ int shm_unlock(void* mem) {
 }
 
 int shm_wrunlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -336,7 +311,7 @@ int shm_wrunlock(void* mem) {
 }
 
 int shm_wait(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   pthread_mutex_lock(condMutex(h));
@@ -346,7 +321,7 @@ int shm_wait(void* mem) {
 }
 
 int shm_timedwait(void* mem, int timeout) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   int rc = pthread_mutex_trylock(condMutex(h));
@@ -375,7 +350,7 @@ int shm_timedwait(void* mem, int timeout) {
 }
 
 int shm_notify(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   int rc = pthread_mutex_trylock(condMutex(h));
@@ -388,7 +363,7 @@ int shm_notify(void* mem) {
 }  // extern "C"
 
 int shm_lock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;

@@ -25,6 +25,13 @@ __thread bool eager_run = false;
 namespace {
 
 int __assert_failures = 0;
+constexpr char kAssertPath[] = "src/thread";
+
+// Lines reported by the thread unit's checks. Frozen: users and tests match them in the
+// messages, so they stay as they are whatever moves in this file.
+constexpr int kLineShareStackCreated = 295;
+constexpr int kLineNotMainCoroutine = 302;
+constexpr int kLineCoroutineNotEnded = 303;
 
 std::atomic<uint64_t> nextWrapperSerial{1};
 
@@ -84,8 +91,8 @@ std::string RealTimeTaskWrapper::getErrorString() const { return errorString; }
 
 void RealTimeTaskWrapper::execute_aco() {
   aco_coroutine* this_co = aco_get_co();
-  KELVO_ASSERT_AT(!aco_is_main_co(this_co), "!aco_is_main_co(this_co)", "src/thread", 302);
-  KELVO_ASSERT_AT(this_co->is_end == 0, "this_co->is_end == 0", "src/thread", 303);
+  KELVO_ASSERT(!aco_is_main_co(this_co), "!aco_is_main_co(this_co)", kLineNotMainCoroutine);
+  KELVO_ASSERT(this_co->is_end == 0, "this_co->is_end == 0", kLineCoroutineNotEnded);
   auto* wrapper = static_cast<RealTimeTaskWrapper*>(aco_get_arg());
   if (wrapper->runOnce) {
     wrapper->task->execute();
@@ -117,7 +124,7 @@ namespace internal {
 
 void createCoroutine(RealTimeTaskWrapper& wrapper) {
   wrapper.shareStack = aco_share_stack_new(0);
-  KELVO_ASSERT_AT(wrapper.shareStack != nullptr, "sstk_", "src/thread", 295);
+  KELVO_ASSERT(wrapper.shareStack != nullptr, "sstk_", kLineShareStackCreated);
   wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0, &RealTimeTaskWrapper::execute_aco,
                           &wrapper);
 }
