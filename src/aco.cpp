@@ -46,9 +46,10 @@ KELVO_ACO_TLS aco_cofuncp_t aco_gtls_last_word_fp = aco_default_protector_last_w
 extern "C" __attribute__((visibility("hidden"))) void kelvo_acosw_local(aco_coroutine* from,
                                                                         aco_coroutine* to);
 
+namespace mosk {
+namespace kelvo {
+namespace internal {
 namespace {
-
-using mosk::kelvo::internal::copyStack;
 
 constexpr size_t kDefaultShareStackSize = 2 * 1024 * 1024;
 constexpr size_t kMinShareStackSize = 4096;
@@ -98,7 +99,7 @@ std::unordered_map<const aco_coroutine*, SanitizerFiber>& fibers() {
 
 void registerFiber(const aco_coroutine* co) {
   SanitizerFiber fiber;
-  fiber.tsanFiber = mosk::kelvo::fiber::createFiber("aco coroutine");
+  fiber.tsanFiber = createFiber("aco coroutine");
   std::lock_guard<std::mutex> lock(fiberMutex());
   fibers()[co] = fiber;
 }
@@ -118,7 +119,7 @@ void unregisterFiber(const aco_coroutine* co) {
     fiber = it->second;
     fibers().erase(it);
   }
-  mosk::kelvo::fiber::destroyFiber(fiber.tsanFiber);
+  destroyFiber(fiber.tsanFiber);
 }
 #endif
 
@@ -139,7 +140,6 @@ void clearShareStackShadow(aco_share_stack* s) { __asan_unpoison_memory_region(s
 #if KELVO_ASAN || KELVO_TSAN
 // Switches from co's main coroutine into co and back, telling the sanitizers in use.
 inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
-  namespace fiber = mosk::kelvo::fiber;
   SanitizerFiber* state = findFiber(co);
   abortUnless(state != nullptr);
   // Announce and complete the switch to the share stack before jumping: nothing instrumented
@@ -147,17 +147,17 @@ inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
   void* main_fake_stack = nullptr;
   const void* main_bottom = nullptr;
   size_t main_size = 0;
-  fiber::startSwitch(&main_fake_stack, co->share_stack->base, co->share_stack->size);
-  fiber::finishSwitch(state->asanFakeStack, &main_bottom, &main_size);
-  void* main_fiber = fiber::currentFiber();
-  fiber::switchToFiber(state->tsanFiber);
+  startSwitch(&main_fake_stack, co->share_stack->base, co->share_stack->size);
+  finishSwitch(state->asanFakeStack, &main_bottom, &main_size);
+  void* main_fiber = currentFiber();
+  switchToFiber(state->tsanFiber);
 
   kelvo_acosw_local(main_co, co);
 
-  fiber::switchToFiber(main_fiber);
+  switchToFiber(main_fiber);
   // An ended coroutine's fake stack is released (null save pointer); a suspended one keeps it.
-  fiber::startSwitch(co->is_end ? nullptr : &state->asanFakeStack, main_bottom, main_size);
-  fiber::finishSwitch(main_fake_stack, nullptr, nullptr);
+  startSwitch(co->is_end ? nullptr : &state->asanFakeStack, main_bottom, main_size);
+  finishSwitch(main_fake_stack, nullptr, nullptr);
 }
 #endif
 
@@ -249,6 +249,12 @@ __attribute__((noinline)) void handOverAndSwitch(aco_coroutine* co) {
 #endif
 
 }  // namespace
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
+
+// The functions below are the runtime's C interface; their helpers are this file's own.
+using namespace mosk::kelvo::internal;  // NOLINT(build/namespaces)
 
 extern "C" {
 

@@ -74,31 +74,31 @@ RoutineRecord* recordOf(Routine* routine) { return static_cast<RoutineRecord*>(r
 
 void prepareFiber([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_TSAN
-  record->fiber.tsan_fiber = fiber::createFiber("coroutine");
+  record->fiber.tsan_fiber = internal::createFiber("coroutine");
 #endif
 }
 
 void destroyFiber([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_TSAN
-  fiber::destroyFiber(record->fiber.tsan_fiber);
+  internal::destroyFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler right before it switches into `record`.
 void leaveScheduler([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_ASAN
-  fiber::startSwitch(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
+  internal::startSwitch(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
 #endif
 #if KELVO_TSAN
-  scheduler_fiber.tsan_fiber = fiber::currentFiber();
-  fiber::switchToFiber(record->fiber.tsan_fiber);
+  scheduler_fiber.tsan_fiber = internal::currentFiber();
+  internal::switchToFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler once control is back from a coroutine.
 void enterScheduler() {
 #if KELVO_ASAN
-  fiber::finishSwitch(scheduler_fiber.fake_stack, nullptr, nullptr);
+  internal::finishSwitch(scheduler_fiber.fake_stack, nullptr, nullptr);
 #endif
 }
 
@@ -106,19 +106,19 @@ void enterScheduler() {
 // never run again releases its sanitizer state here.
 void leaveRoutine([[maybe_unused]] RoutineRecord* record, [[maybe_unused]] bool final_switch) {
 #if KELVO_ASAN
-  fiber::startSwitch(final_switch ? nullptr : &record->fiber.fake_stack,
-                     scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
+  internal::startSwitch(final_switch ? nullptr : &record->fiber.fake_stack,
+                        scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
 #endif
 #if KELVO_TSAN
-  fiber::switchToFiber(scheduler_fiber.tsan_fiber);
+  internal::switchToFiber(scheduler_fiber.tsan_fiber);
 #endif
 }
 
 // Called by a coroutine when it starts or continues after a switch from the scheduler.
 void enterRoutine([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_ASAN
-  fiber::finishSwitch(record == nullptr ? nullptr : record->fiber.fake_stack,
-                      &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
+  internal::finishSwitch(record == nullptr ? nullptr : record->fiber.fake_stack,
+                         &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
 #endif
 }
 

@@ -23,8 +23,7 @@ namespace kelvo {
 
 namespace {
 
-using detail::addRelaxed;
-using detail::WrapperPtr;
+using internal::addRelaxed;
 using internal::createCoroutine;
 using internal::eager_run;
 using internal::is_aco;
@@ -32,6 +31,7 @@ using internal::kErrorTextSize;
 using internal::kRelaxed;
 using internal::nameThread;
 using internal::singleCpuSet;
+using internal::WrapperPtr;
 
 }  // namespace
 

@@ -20,7 +20,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 using WrapperPtr = std::shared_ptr<RealTimeTaskWrapper>;
 
@@ -300,7 +300,7 @@ class DeadlineKeeper {
   timespec nextWakeup_{};  // loop thread (set before it starts)
 };
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

@@ -105,9 +105,9 @@ struct __attribute__((visibility("hidden"))) PeriodicThread::PrivateData {
   uint64_t loopFpuControl = 0;  // the loop thread's FPU control words, written before mainCo
   std::atomic<bool> threadReleased{false};  // joined or detached
 
-  detail::TaskRegistry registry;
-  detail::WakeCounters counters;
-  detail::DeadlineKeeper deadlines;
+  internal::TaskRegistry registry;
+  internal::WakeCounters counters;
+  internal::DeadlineKeeper deadlines;
   std::atomic<aco_coroutine*> mainCo{nullptr};
   internal::ErrorMailbox errors;
 };

@@ -134,22 +134,22 @@ void* PluginLoader::load(const std::string& path) {
   // A 64-bit ELF file whose segments reach past its end would be mapped by the dynamic linker,
   // which then dies of SIGBUS touching the missing pages: such a file is refused before the
   // linker sees it, in the linker's own words for a short file.
-  if (elf::isTruncatedElf(path)) {
-    errorText = plugin_record::truncatedFileError(path);
+  if (internal::elf::isTruncatedElf(path)) {
+    errorText = internal::plugin_record::truncatedFileError(path);
     throw std::runtime_error(errorText);
   }
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
-  if (handle == nullptr) setError(plugin_record::kCannotLoadLibrary);
+  if (handle == nullptr) setError(internal::plugin_record::kCannotLoadLibrary);
   // Early returns below leave the library open on purpose: only libraries whose plug-in was
   // started are closed by the loader.
   auto* details = static_cast<PluginDetails*>(dlsym(handle, "exports"));
   if (details == nullptr) return nullptr;
-  if (details->apiVersion != plugin_record::kApiVersion) {
-    std::printf(plugin_record::kApiVersionInvalid, details->apiVersion);
+  if (details->apiVersion != internal::plugin_record::kApiVersion) {
+    std::printf(internal::plugin_record::kApiVersionInvalid, details->apiVersion);
     return nullptr;
   }
-  if (!plugin_record::fitsMaster(masterVersion, details->targetMasterVersion)) {
-    std::printf(plugin_record::kMasterMismatch, versionIntToString(masterVersion).c_str(),
+  if (!internal::plugin_record::fitsMaster(masterVersion, details->targetMasterVersion)) {
+    std::printf(internal::plugin_record::kMasterMismatch, versionIntToString(masterVersion).c_str(),
                 details->pluginName, versionIntToString(details->targetMasterVersion).c_str());
     return nullptr;
   }

@@ -24,23 +24,10 @@
 // The C library's overflow report: "*** buffer overflow detected ***: terminated", then abort.
 extern "C" [[noreturn]] void __chk_fail(void);
 
+namespace mosk {
+namespace kelvo {
+namespace internal {
 namespace {
-
-using mosk::kelvo::internal::condition;
-using mosk::kelvo::internal::condMutex;
-using mosk::kelvo::internal::dataOf;
-using mosk::kelvo::internal::headerOf;
-using mosk::kelvo::internal::isUsable;
-using mosk::kelvo::internal::kMagic;
-using mosk::kelvo::internal::kTopicNameSize;
-using mosk::kelvo::internal::loadWord;
-using mosk::kelvo::internal::lockMutex;
-using mosk::kelvo::internal::noteLocked;
-using mosk::kelvo::internal::noteUnlocking;
-using mosk::kelvo::internal::rwLock;
-using mosk::kelvo::internal::SegmentHeader;
-using mosk::kelvo::internal::storeWord;
-using mosk::kelvo::internal::storeWord64;
 
 int __assert_failures = 0;
 
@@ -171,12 +158,6 @@ struct ForkHandlerRegistration {
   ForkHandlerRegistration() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
 } forkHandlerRegistration;
 
-}  // namespace
-
-uint32_t shm_gettid() { return cachedThreadId(); }
-
-namespace {
-
 // shm_rdlock and shm_wrlock: one try, the error number passed on, bookkeeping on success.
 inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
   KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
@@ -190,6 +171,15 @@ inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
 }
 
 }  // namespace
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
+
+// The functions below are the unit's interface, in the global namespace (C names, and the global
+// gettid()); their helpers are this file's own.
+using namespace mosk::kelvo::internal;  // NOLINT(build/namespaces)
+
+uint32_t shm_gettid() { return cachedThreadId(); }
 
 extern "C" {
 

@@ -1,3 +1,4 @@
+// The socket helpers: socket creation, device binding, connecting, sending and receiving.
 #include "mosk/kelvo/socket_tcp.h"
 
 #include <arpa/inet.h>

@@ -330,7 +330,7 @@ void collectTaskIds(const Buffer& ring, const std::unordered_set<uint64_t>& cand
 
 }  // namespace
 
-std::unordered_set<uint64_t> detail::taskIdsStillInRings(
+std::unordered_set<uint64_t> internal::taskIdsStillInRings(
     const std::unordered_set<uint64_t>& candidates) {
   std::unordered_set<uint64_t> found;
   TaskRunFormats formats;
