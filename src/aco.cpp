@@ -304,7 +304,8 @@ aco_share_stack* aco_share_stack_new2(size_t size, char guard_page_enabled) {
     s->guard_enabled = 1;
     s->mapping_base = mapping;
     s->mapping_size = length;
-    // Read-only rather than inaccessible: an overflowing stack writes, and the write faults.
+    // Kept: the guard page is read-only rather than inaccessible; an overflowing stack writes,
+    // and the write faults.
     abortUnless(mprotect(mapping, page, PROT_READ) == 0);
     abortUnless(length >= 2 * page);
     s->base = static_cast<char*>(mapping) + page;

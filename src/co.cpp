@@ -203,7 +203,8 @@ int resume(unsigned int id) {
   if (routine == nullptr) return -1;
   if (routine->finished) return -2;
   if (routine->stack != nullptr) {
-    // A coroutine that has run before continues where it yielded; its status stays 3.
+    // A coroutine that has run before continues where it yielded.
+    // Kept: its status stays 3 (yielded) while it runs again, not 2 (started).
     ord.current = id;
     switchToRoutine(ord, routine);
   } else {
@@ -232,6 +233,7 @@ int yield() {
   const char* stack_bottom = &stack_bottom_marker;
 #endif
   const char* stack_top = routine->stack + routine->stack_size;
+  // Kept: the message's text names `&stack_bottom`, as users match it, whatever the code reads.
   KELVO_ASSERT(size_t(stack_top - stack_bottom) <= routine->stack_size,
                "size_t(stack_top - &stack_bottom) <= routine->stack_size", kLineYieldWithinStack);
 
@@ -248,7 +250,8 @@ unsigned int current() { return ordinator.current; }
 
 bool finished(unsigned int id) {
   if (id == 0) return false;
-  Routine* routine = ordinator.routines[id - 1];  // no range check, by contract
+  // Kept: no range check; callers pass ids that create() returned.
+  Routine* routine = ordinator.routines[id - 1];
   return routine != nullptr && routine->finished;
 }
 

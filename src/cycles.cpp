@@ -13,6 +13,7 @@ namespace kelvo {
 
 uint64_t Cycles::startTick = 0;
 double Cycles::cyclesPerSec = 0;
+// Kept: storage for callers' test doubles that nothing in this class reads.
 double Cycles::mockCyclesPerSec = 0;
 uint64_t Cycles::mockTscValue = 0;
 
@@ -56,6 +57,7 @@ void Cycles::init() {
   }
 }
 
+// Kept: spins rather than sleeps, trading a busy core for microsecond precision.
 void Cycles::sleep(uint64_t us) {
   const uint64_t stop = rdtsc() + fromNanoseconds(us * 1000, 0);
   while (rdtsc() < stop) {

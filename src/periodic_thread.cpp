@@ -128,7 +128,9 @@ void PeriodicThread::PrivateData::runTask(RealTimeTaskWrapper& wrapper, int inde
   RealTimeTask& task = *wrapper.task;
   executingSerial.store(wrapper.serial, kRelaxed);
   {
-    const std::string nameCopy = task.getName();  // asked before every run, by design
+    // Kept: the task is asked for its name before every run, and the copy is dropped. Tasks may
+    // count on the call (and its cost is part of every run's measured time).
+    const std::string nameCopy = task.getName();
     (void)nameCopy;
   }
   // The task's serial rides in the two arguments the formats do not print, so that the trace
@@ -232,6 +234,8 @@ PeriodicThread::PeriodicThread(unsigned int period, const char* name, ScheduleMe
   nameThread(d_->thread, d_->name);
 }
 
+// Kept: neither stops nor joins; the owner calls stop() and join() first. A thread left running
+// is detached and keeps its record alive through the loop's own reference.
 PeriodicThread::~PeriodicThread() {
   cleanTask();
   if (d_->threadCreated && !d_->threadReleased.exchange(true)) pthread_detach(d_->thread);

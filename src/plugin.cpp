@@ -26,6 +26,7 @@ namespace {
 
 // A string made from a C string, failing for a null pointer as the standard library's
 // constructor does (with its message), rather than leaving it undefined.
+// Kept: a null service name throws std::logic_error with the standard library's own words.
 std::string stringFrom(const char* text) {
   if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
   return std::string(text);
@@ -57,7 +58,8 @@ PluginContext::~PluginContext() {
 }
 
 void PluginContext::RegisterService(const char* name, void* service) {
-  d_->services.insert(stringFrom(name), service);  // the first registration of a name wins
+  // Kept: the first registration of a name wins; a later one is dropped without a word.
+  d_->services.insert(stringFrom(name), service);
 }
 
 void PluginContext::UnregisterService(const char* name) { d_->services.erase(stringFrom(name)); }
@@ -125,6 +127,8 @@ std::shared_ptr<PeriodicThread> PluginContext::getPoolThread() const {
 
 PluginLoader::PluginLoader(const int& masterVersion) : masterVersion(masterVersion) {}
 
+// Kept: never finishes while the map holds the empty entry of an unknown handle (unload() leaves
+// it there); shutdown() is the way around, and callers pass only handles that load() returned.
 PluginLoader::~PluginLoader() {
   while (!plugins.empty()) unload(plugins.begin()->first);
   std::puts("All the plugins have been unloaded.");
@@ -140,7 +144,7 @@ void* PluginLoader::load(const std::string& path) {
   }
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
   if (handle == nullptr) setError(internal::plugin_record::kCannotLoadLibrary);
-  // Early returns below leave the library open on purpose: only libraries whose plug-in was
+  // Kept: the early returns below leave the library open; only libraries whose plug-in was
   // started are closed by the loader.
   auto* details = static_cast<PluginDetails*>(dlsym(handle, "exports"));
   if (details == nullptr) return nullptr;
@@ -160,7 +164,8 @@ void* PluginLoader::load(const std::string& path) {
 }
 
 void PluginLoader::unload(void* handle) {
-  auto& entry = plugins[handle];  // an unknown handle gains an empty entry, and stays
+  // Kept: an unknown handle gains an empty entry, which stays (see the destructor).
+  auto& entry = plugins[handle];
   PluginActivator* activator = entry.second;
   if (activator == nullptr) return;
   activator->stop(&context);

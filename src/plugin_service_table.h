@@ -31,7 +31,8 @@ class ServiceTable {
     return slot == nullptr ? nullptr : &slot->service;
   }
 
-  // Inserts unless the name is there already (the first registration wins).
+  // Inserts unless the name is there already.
+  // Kept: the first registration wins, and a second one is dropped silently.
   void insert(std::string&& name, void* service) {
     if (slotOf(name) != nullptr) return;
     if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));

@@ -107,9 +107,9 @@ void initialiseSyncObjects(SegmentHeader* h) {
   pthread_rwlockattr_destroy(&rwlock_attr);
 }
 
-// First attacher's work. `magic` is published before the data area is zeroed, and nothing
-// guards against a second process initialising at the same moment: topics are created during
-// set-up.
+// First attacher's work.
+// Kept: `magic` is published before the data area is zeroed, and nothing guards against a second
+// process initialising at the same moment: topics are created during set-up.
 void initialiseSegment(int shm_id, SegmentHeader* h, key_t key, size_t size) {
   struct shmid_ds shared_mem_info;
   KELVO_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
@@ -185,13 +185,14 @@ extern "C" {
 
 void* shm_connect_by_key(key_t key, size_t size) {
   int shm_id = shmget(key, size + MEM_HDR_SIZE, IPC_CREAT | 0600);
-  KELVO_ASSERT(shm_id > 0, "shm_id > 0", __LINE__);
+  KELVO_ASSERT(shm_id > 0, "shm_id > 0", __LINE__);  // Kept: identifier 0, valid, fails too
   struct shmid_ds buf;
   std::memset(&buf, 0, sizeof buf);
   shmctl(shm_id, IPC_STAT, &buf);
   KELVO_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz",
                __LINE__);
   void* mem = shmat(shm_id, nullptr, 0);
+  // Kept: shmat fails with (void*)-1, not null, which this check lets through.
   KELVO_ASSERT_NOT_NULL_ERRNO(mem, "mem", __LINE__);
   auto* header = static_cast<SegmentHeader*>(mem);
   if (!isUsable(header)) initialiseSegment(shm_id, header, key, size);
@@ -213,6 +214,7 @@ uint64_t shm_nattch_by_topic(const char* topic) {
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
+    // Kept: the message names "tlx_shm_nattch", as readers of standard error match it.
     std::fprintf(stderr, "tlx_shm_nattch: shmctl failed: %s\n", std::strerror(errno));
     return 0;
   }
@@ -238,7 +240,8 @@ int shm_rm_by_topic(const char* topic) {
   markForRemoval(shm_id);
   char path[kKeyPathSize];
   formatKeyPath(path, topic);
-  // Only descriptor 0 counts as a successful open here; any other stays open.
+  // Kept: only descriptor 0 counts as a successful open here (the key file is then removed);
+  // any other descriptor stays open and the file stays.
   int fd = open(path, O_RDONLY);
   if (fd == 0) {
     close(fd);
@@ -251,6 +254,7 @@ int shm_rm_by_key(key_t key) {
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(key, &shm_id, &status)) {
+    // Kept: the same text as shm_rm_by_topic's, function name included.
     std::fprintf(stderr, "shm_rm_by_topic: shmctl failed: %s\n", std::strerror(errno));
     return -1;
   }
@@ -261,6 +265,7 @@ int shm_rm_by_key(key_t key) {
   return 0;
 }
 
+// Kept: detaches nothing and returns -1; segments stay attached until the process ends.
 int shm_disconnect(void* mem) {
   KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   return -1;
@@ -280,6 +285,8 @@ int shm_rdlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_tryrdloc
 
 int shm_wrlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_trywrlock); }
 
+// Kept: no owner check, and it releases a write lock too; the exclusive lock of shm_lock and
+// shm_trylock has no release in this interface.
 int shm_unlock(void* mem) {
   KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
@@ -319,8 +326,8 @@ int shm_timedwait(void* mem, int timeout) {
     std::printf("pthread_mutex_trylock: %d\n", rc);
     return rc;
   }
-  // A non-positive time-out keeps the epoch as its deadline: already passed, so the wait
-  // times out at once.
+  // Kept: a non-positive time-out keeps the epoch as its deadline: already passed, so the wait
+  // times out at once (and prints, like every failed wait, a line on standard output).
   struct timespec deadline = {0, 0};
   if (timeout > 0) {
     struct timeval now;

@@ -87,8 +87,8 @@ inline pthread_rwlock_t* rwLock(SegmentHeader* h) {
 
 // The bookkeeping words are plain shared words: other processes read and write them without
 // any lock. Relaxed atomic loads and stores compile to the same plain moves on x86-64 and keep
-// the concurrent accesses of threads in this process defined. The counters are deliberately
-// not incremented atomically (a load and a store): they are diagnostics.
+// the concurrent accesses of threads in this process defined.
+// Kept: the counters are not incremented atomically (a load and a store): they are diagnostics.
 typedef uint64_t Word64 __attribute__((aligned(4)));
 
 inline uint32_t loadWord(SegmentHeader* h, size_t offset) {

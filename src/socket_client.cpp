@@ -53,6 +53,8 @@ SocketClient::SocketClient(TcpCallback* prototype) {
   delete prototype;
 }
 
+// Kept: the per-socket callback is not deleted here, unlike a server connection's: the
+// application reaches it through getTcpCallback() and owns it.
 SocketClient::~SocketClient() { stop(true); }
 
 int SocketClient::getFd() const { return fd_.load(std::memory_order_relaxed); }
@@ -61,6 +63,7 @@ TcpState SocketClient::getState() const { return state_.load(); }
 
 TcpCallback* SocketClient::getTcpCallback() const { return callback_; }
 
+// Kept: stored and never consulted; the client's receiving always uses length-prefixed framing.
 void SocketClient::setRecvPolicy(const TcpReceivePolicy& policy) {
   policy_.store(policy, std::memory_order_relaxed);
 }

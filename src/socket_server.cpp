@@ -356,7 +356,8 @@ int SocketServer::stop() {
     if (connection->getState() == TcpState::Connected) {
       connection->stop(true);
     } else {
-      // Dropped without being deleted; the entry that slides into this slot is skipped.
+      // Kept: dropped without being deleted, and the entry that slides into this slot is
+      // skipped by this walk.
       eraseAt(i);
     }
     ++i;

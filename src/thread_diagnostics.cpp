@@ -23,6 +23,8 @@ constexpr size_t kSummarySize = 200;
 
 // Appends one formatted line to a summary buffer; like a fortified sprintf, terminates the
 // process rather than write past the buffer.
+// Kept: the buffers of getStatus() and getWarning() are never cleared, so every call appends,
+// and a few calls per process fill them (getWakeStatistics() is the way around).
 void appendChecked(char (&buffer)[kSummarySize], const char* format, long value) {
   const size_t used = strnlen(buffer, kSummarySize);
   char line[64];
@@ -56,6 +58,7 @@ const char* PeriodicThread::getStatus() const {
 const char* PeriodicThread::getWarning() const {
   static char warning[kSummarySize];
   std::lock_guard<std::mutex> lock(summaryMutex);
+  // Kept: "taskwaringtimes" is spelt as readers of this text have always matched it.
   appendChecked(warning, "taskwaringtimes: %ld\n",
                 static_cast<long>(d_->taskWarningTimes.load(kRelaxed)));
   appendChecked(warning, "threadwarningtimes: %ld\n",

@@ -120,7 +120,9 @@ int PeriodicThread::setLatencyTarget() {
   const int fd = open("/dev/cpu_dma_latency", O_RDWR);
   if (fd < 0) return -1;
   const int32_t target = 0;
-  if (write(fd, &target, sizeof(target)) != 0) return -1;  // keeps the request alive
+  // Kept: any result but 0 (the 4 bytes written, too) returns -1 and leaves the descriptor open,
+  // which is what keeps the latency request alive: the kernel drops it when the file closes.
+  if (write(fd, &target, sizeof(target)) != 0) return -1;
   close(fd);
   return 0;
 }

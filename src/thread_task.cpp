@@ -124,6 +124,7 @@ namespace internal {
 
 void createCoroutine(RealTimeTaskWrapper& wrapper) {
   wrapper.shareStack = aco_share_stack_new(0);
+  // Kept: the message names the check "sstk_", as users match it.
   KELVO_ASSERT(wrapper.shareStack != nullptr, "sstk_", kLineShareStackCreated);
   wrapper.co = aco_create(wrapper.mainCo, wrapper.shareStack, 0, &RealTimeTaskWrapper::execute_aco,
                           &wrapper);

@@ -96,7 +96,9 @@ class TraceOutput {
     }
   }
 
-  // One event line: separated by newlines in a string, terminated by one in a file.
+  // One event line.
+  // Kept: lines are separated by newlines in a string but terminated by one in a file, so the
+  // string form has an empty line after the header and no newline at its end.
   void writeEvent(const char* prefix, const char* text) {
     if (string_ != nullptr) {
       if (!string_->empty()) string_->push_back('\n');

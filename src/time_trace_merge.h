@@ -29,7 +29,9 @@ using Buffer = TimeTrace::Buffer;
 constexpr size_t kLineLength = 1000;
 
 // A ring seen by the merge: its events, the read position, and the end (writeIndex read once
-// when the print started; that slot is never read).
+// when the print started).
+// Kept: the slot at the end is never read, so a full ring prints 8191 of its 8192 events; a
+// record racing the start of the print writes there.
 struct Cursor {
   Buffer* buffer;
   int32_t position;

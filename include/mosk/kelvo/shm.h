@@ -15,7 +15,7 @@
 // connect to a new segment at the same moment may both initialise it: create topics during
 // set-up, from one process, before the others attach.
 //
-// Things that surprise first-time users (all intended, all kept):
+// Kept: things that surprise first-time users, all intended:
 //  - The data area starts 372 bytes into a page-aligned segment: it is aligned to 4 bytes only.
 //    Put only 4-byte-aligned types there, or copy 8-byte fields in and out with memcpy.
 //  - Topic names are at most 44 bytes: a longer one aborts the process (buffer-overflow check).

@@ -89,7 +89,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>  // unused here since the threads got bounded stacks; kept for includers
+#include <thread>  // Kept: unused here since the threads got bounded stacks; includers use it
 #include <vector>
 
 #include "mosk/kelvo/export.h"
