@@ -198,7 +198,7 @@ struct WakeCounters {
 // The absolute deadlines of a periodic thread on CLOCK_MONOTONIC, and the load of each period.
 class DeadlineKeeper {
  public:
-  explicit DeadlineKeeper(uint32_t periodUs) : periodUs(periodUs) {
+  explicit DeadlineKeeper(uint32_t periodMicros) : periodUs(periodMicros) {
     clock_gettime(kClock, &nextWakeup_);
   }
 

@@ -53,10 +53,10 @@ void nameThread(pthread_t thread, const std::string& name);
 // Hidden although nested in an exported class: its members are the loop's internals, not part of
 // the library's interface.
 struct __attribute__((visibility("hidden"))) PeriodicThread::PrivateData {
-  PrivateData(unsigned int period, const char* threadName, ScheduleMethod method, int cpu,
-              int priority)
-      : cpu(cpu),
-        priority(priority),
+  PrivateData(unsigned int period, const char* threadName, ScheduleMethod method, int cpuIndex,
+              int fifoPriority)
+      : cpu(cpuIndex),
+        priority(fifoPriority),
         name(threadName ? threadName : ""),
         registry(method),
         deadlines(period) {}

@@ -125,7 +125,7 @@ std::shared_ptr<PeriodicThread> PluginContext::getPoolThread() const {
 // PluginLoader
 // ---------------------------------------------------------------------------------------------
 
-PluginLoader::PluginLoader(const int& masterVersion) : masterVersion(masterVersion) {}
+PluginLoader::PluginLoader(const int& version) : masterVersion(version) {}
 
 // Kept: never finishes while the map holds the empty entry of an unknown handle (unload() leaves
 // it there); shutdown() is the way around, and callers pass only handles that load() returned.

@@ -44,12 +44,13 @@ using internal::kRelaxed;
 RealTimeTaskApi::~RealTimeTaskApi() = default;
 RealTimeTask::~RealTimeTask() = default;
 
-RealTimeTaskInternal::RealTimeTaskInternal(const std::string& name, std::function<void()> body,
-                                           int priority, unsigned long expectedMaxRuntime)
-    : name(name),
-      body(std::move(body)),
-      priority(priority),
-      expectedMaxRuntime(expectedMaxRuntime) {}
+RealTimeTaskInternal::RealTimeTaskInternal(const std::string& taskName,
+                                           std::function<void()> taskBody, int taskPriority,
+                                           unsigned long maxRuntime)
+    : name(taskName),
+      body(std::move(taskBody)),
+      priority(taskPriority),
+      expectedMaxRuntime(maxRuntime) {}
 
 RealTimeTaskInternal::~RealTimeTaskInternal() = default;
 
@@ -62,14 +63,14 @@ void RealTimeTaskInternal::execute() {
   if (body) body();
 }
 
-RealTimeTaskWrapper::RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> task, aco_coroutine* mainCo,
-                                         bool runOnce)
-    : task(std::move(task)),
-      runOnce(runOnce),
-      mainCo(mainCo),
+RealTimeTaskWrapper::RealTimeTaskWrapper(std::shared_ptr<RealTimeTask> wrappedTask,
+                                         aco_coroutine* mainCoroutine, bool once)
+    : task(std::move(wrappedTask)),
+      runOnce(once),
+      mainCo(mainCoroutine),
       serial(nextWrapperSerial.fetch_add(1, kRelaxed)) {
   // The trace viewer names this task's runs from here on; the loop records only the serial.
-  TraceTaskNames::add(serial, this->task != nullptr ? this->task->getName() : std::string());
+  TraceTaskNames::add(serial, task != nullptr ? task->getName() : std::string());
 }
 
 RealTimeTaskWrapper::~RealTimeTaskWrapper() {
