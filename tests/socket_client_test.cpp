@@ -243,8 +243,10 @@ TEST_F(ClientTest, ServerRestartIsFollowedByAReconnection) {
   int port = listener->port;
   ASSERT_EQ(client_->connect("127.0.0.1", port, 5000), 0);
   int peer = listener->acceptOne();
-  close(peer);
+  // The listening socket goes first: closed after the peer, it could take the client's
+  // immediate reconnection into its backlog, and drop it again, before it went.
   listener.reset();
+  close(peer);
   ASSERT_TRUE(waitFor([&] { return record_->count("disconnected") == 1; }));
   // The same port again (the client end is the one in TIME_WAIT, so it is free).
   int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -11,6 +11,26 @@ endif()
 unset(ENV{LD_LIBRARY_PATH})
 string(REPLACE "," ";" TOOLS "${TOOLS}")  # a comma-separated list
 
+# What is installed into bin/ is exactly this list, and the README's install section names
+# every one of them, so that the README cannot fall behind what a machine gets.
+file(GLOB installed RELATIVE "${prefix}/bin" "${prefix}/bin/*")
+set(expected ${TOOLS})
+list(SORT installed)
+list(SORT expected)
+if(NOT installed STREQUAL expected)
+  message(FATAL_ERROR "bin/ holds: ${installed}\nthe check expects: ${expected}")
+endif()
+if(DEFINED README)
+  file(READ "${README}" readme)
+  string(REGEX MATCH "### Install it, tools included\n(.*)\n### " section "${readme}")
+  foreach(tool ${TOOLS})
+    string(FIND "${CMAKE_MATCH_1}" "`${tool}`" found)
+    if(found EQUAL -1)
+      message(FATAL_ERROR "the README's install section does not name the installed `${tool}`")
+    endif()
+  endforeach()
+endif()
+
 foreach(tool ${TOOLS})
   set(path "${prefix}/bin/${tool}")
   if(NOT EXISTS "${path}")
