@@ -11,7 +11,7 @@
 #include "fuzz_input.h"
 #include "plugin_elf.h"
 
-using namespace mosk::kelvo;
+namespace elf = mosk::kelvo::internal::elf;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const elf::MemoryBytes file(data, size);

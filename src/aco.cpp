@@ -7,10 +7,10 @@
 //  - AddressSanitizer: fiber-switch annotations (__sanitizer_start_switch_fiber /
 //    __sanitizer_finish_switch_fiber), so that ASan knows which stack is current (stack
 //    bounds for reports, for __asan_handle_no_return on abort and exceptions). The stack copy
-//    routine is excluded from instrumentation (no_sanitize_address, and `rep movsb` instead of
-//    the intercepted memcpy): it must read whole frames, redzones included. When a share stack
-//    changes hands its shadow is cleared, because the frames of the previous owner (or of an
-//    exited coroutine) left redzone poison that does not match the incoming frames.
+//    routine (aco_stack_copy.h) is excluded from instrumentation (no_sanitize_address, and `rep
+//    movsb` instead of the intercepted memcpy): it must read whole frames, redzones included. When
+//    a share stack changes hands its shadow is cleared, because the frames of the previous owner
+//    (or of an exited coroutine) left redzone poison that does not match the incoming frames.
 //  - ThreadSanitizer: one TSan fiber per non-main coroutine (__tsan_create_fiber), entered
 //    and left with __tsan_switch_to_fiber (synchronising), destroyed with the coroutine.
 // Both are done around the acosw() call in aco_resume(): every switch into a coroutine and
@@ -19,7 +19,6 @@
 // the plain build that call is a tail call instead: see aco_resume.)
 #include "mosk/kelvo/aco.h"
 
-#include <emmintrin.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "aco_stack_copy.h"
 #include "sanitizer_fiber.h"
 
 #if KELVO_ASAN || KELVO_TSAN
@@ -46,14 +46,18 @@ KELVO_ACO_TLS aco_cofuncp_t aco_gtls_last_word_fp = aco_default_protector_last_w
 extern "C" __attribute__((visibility("hidden"))) void kelvo_acosw_local(aco_coroutine* from,
                                                                         aco_coroutine* to);
 
+namespace mosk {
+namespace kelvo {
+namespace internal {
 namespace {
 
 constexpr size_t kDefaultShareStackSize = 2 * 1024 * 1024;
 constexpr size_t kMinShareStackSize = 4096;
 constexpr size_t kDefaultSaveStackSize = 64;
 
-// Source lines reported by the allocation-failure message, one per allocation site. They are
-// part of the message users see and match in their logs, so they stay fixed.
+// Source lines reported by the allocation-failure message, one per allocation site. Frozen (the
+// line rule of kelvo_assert.h): they are part of the message users see and match in their logs,
+// so they stay as they are whatever moves in this file.
 constexpr int kLineShareStackRecord = 248;
 constexpr int kLineShareStackMapping = 255;
 constexpr int kLineShareStackArea = 267;
@@ -70,64 +74,6 @@ constexpr int kLineSaveStackGrowth = 414;
 // Misuse and broken invariants abort without a message.
 inline void abortUnless(bool condition) {
   if (__builtin_expect(!condition, 0)) std::abort();
-}
-
-// ---- Stack copies ----
-
-// A plain forward copy. Under ASan it must not go through the intercepted memcpy, which would
-// check the source range and trip over the redzones inside the frames being saved.
-KELVO_NO_ASAN inline void copyBytes(void* dst, const void* src, size_t n) {
-#if KELVO_ASAN
-  __asm__ volatile("rep movsb" : "+D"(dst), "+S"(src), "+c"(n) : : "memory");
-#else
-  std::memcpy(dst, src, n);
-#endif
-}
-
-// Copies a saved stack. A shallow yield leaves a region that starts 8 bytes below a 16-byte
-// boundary (the return slot is 8 below the aligned top): 16k + 8 bytes between two 16-byte
-// aligned addresses. Those up to 136 bytes are moved with aligned 16-byte loads and stores
-// plus one final 8-byte move, without a call; everything else goes to memcpy.
-KELVO_NO_ASAN inline void copyStack(void* dst, const void* src, size_t n) {
-  const uintptr_t alignment = reinterpret_cast<uintptr_t>(dst) | reinterpret_cast<uintptr_t>(src);
-  if ((alignment & 15) == 0 && n <= 136 && (n & 15) == 8) {
-    __m128i* d = static_cast<__m128i*>(dst);
-    const __m128i* s = static_cast<const __m128i*>(src);
-    switch (n >> 4) {
-      case 8:
-        _mm_store_si128(d + 7, _mm_load_si128(s + 7));
-        [[fallthrough]];
-      case 7:
-        _mm_store_si128(d + 6, _mm_load_si128(s + 6));
-        [[fallthrough]];
-      case 6:
-        _mm_store_si128(d + 5, _mm_load_si128(s + 5));
-        [[fallthrough]];
-      case 5:
-        _mm_store_si128(d + 4, _mm_load_si128(s + 4));
-        [[fallthrough]];
-      case 4:
-        _mm_store_si128(d + 3, _mm_load_si128(s + 3));
-        [[fallthrough]];
-      case 3:
-        _mm_store_si128(d + 2, _mm_load_si128(s + 2));
-        [[fallthrough]];
-      case 2:
-        _mm_store_si128(d + 1, _mm_load_si128(s + 1));
-        [[fallthrough]];
-      case 1:
-        _mm_store_si128(d + 0, _mm_load_si128(s + 0));
-        [[fallthrough]];
-      default:
-        break;
-    }
-    const size_t tail = n - 8;
-    uint64_t last;
-    __builtin_memcpy(&last, static_cast<const char*>(src) + tail, 8);
-    __builtin_memcpy(static_cast<char*>(dst) + tail, &last, 8);
-    return;
-  }
-  copyBytes(dst, src, n);
 }
 
 // ---- Sanitizer bookkeeping (sanitizer builds only) ----
@@ -153,7 +99,7 @@ std::unordered_map<const aco_coroutine*, SanitizerFiber>& fibers() {
 
 void registerFiber(const aco_coroutine* co) {
   SanitizerFiber fiber;
-  fiber.tsanFiber = mosk::kelvo::fiber::createFiber("aco coroutine");
+  fiber.tsanFiber = createFiber("aco coroutine");
   std::lock_guard<std::mutex> lock(fiberMutex());
   fibers()[co] = fiber;
 }
@@ -173,7 +119,7 @@ void unregisterFiber(const aco_coroutine* co) {
     fiber = it->second;
     fibers().erase(it);
   }
-  mosk::kelvo::fiber::destroyFiber(fiber.tsanFiber);
+  destroyFiber(fiber.tsanFiber);
 }
 #endif
 
@@ -194,7 +140,6 @@ void clearShareStackShadow(aco_share_stack* s) { __asan_unpoison_memory_region(s
 #if KELVO_ASAN || KELVO_TSAN
 // Switches from co's main coroutine into co and back, telling the sanitizers in use.
 inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
-  namespace fiber = mosk::kelvo::fiber;
   SanitizerFiber* state = findFiber(co);
   abortUnless(state != nullptr);
   // Announce and complete the switch to the share stack before jumping: nothing instrumented
@@ -202,17 +147,17 @@ inline void switchInto(aco_coroutine* main_co, aco_coroutine* co) {
   void* main_fake_stack = nullptr;
   const void* main_bottom = nullptr;
   size_t main_size = 0;
-  fiber::startSwitch(&main_fake_stack, co->share_stack->base, co->share_stack->size);
-  fiber::finishSwitch(state->asanFakeStack, &main_bottom, &main_size);
-  void* main_fiber = fiber::currentFiber();
-  fiber::switchToFiber(state->tsanFiber);
+  startSwitch(&main_fake_stack, co->share_stack->base, co->share_stack->size);
+  finishSwitch(state->asanFakeStack, &main_bottom, &main_size);
+  void* main_fiber = currentFiber();
+  switchToFiber(state->tsanFiber);
 
   kelvo_acosw_local(main_co, co);
 
-  fiber::switchToFiber(main_fiber);
+  switchToFiber(main_fiber);
   // An ended coroutine's fake stack is released (null save pointer); a suspended one keeps it.
-  fiber::startSwitch(co->is_end ? nullptr : &state->asanFakeStack, main_bottom, main_size);
-  fiber::finishSwitch(main_fake_stack, nullptr, nullptr);
+  startSwitch(co->is_end ? nullptr : &state->asanFakeStack, main_bottom, main_size);
+  finishSwitch(main_fake_stack, nullptr, nullptr);
 }
 #endif
 
@@ -304,6 +249,12 @@ __attribute__((noinline)) void handOverAndSwitch(aco_coroutine* co) {
 #endif
 
 }  // namespace
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
+
+// The functions below are the runtime's C interface; their helpers are this file's own.
+using namespace mosk::kelvo::internal;  // NOLINT(build/namespaces)
 
 extern "C" {
 
@@ -353,7 +304,8 @@ aco_share_stack* aco_share_stack_new2(size_t size, char guard_page_enabled) {
     s->guard_enabled = 1;
     s->mapping_base = mapping;
     s->mapping_size = length;
-    // Read-only rather than inaccessible: an overflowing stack writes, and the write faults.
+    // Kept: the guard page is read-only rather than inaccessible; an overflowing stack writes,
+    // and the write faults.
     abortUnless(mprotect(mapping, page, PROT_READ) == 0);
     abortUnless(length >= 2 * page);
     s->base = static_cast<char*>(mapping) + page;

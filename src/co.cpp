@@ -22,8 +22,19 @@ thread_local Ordinator ordinator;
 namespace {
 
 int __assert_failures = 0;
+constexpr char kAssertPath[] = "src/co";
 
-constexpr const char* kPath = "src/co";
+// Lines reported by the scheduler's checks. Frozen: users and tests match them in the messages,
+// so they stay as they are whatever moves in this file.
+constexpr int kLineRecycledSlotEmptied = 68;
+constexpr int kLineRecycledRoutineExists = 77;
+constexpr int kLineResumeFromScheduler = 85;
+constexpr int kLineResumeIdInRange = 86;
+constexpr int kLineYieldWithinStack = 176;
+constexpr int kLineStatusIdInRange = 201;
+constexpr int kLineStatusRoutineExists = 202;
+constexpr int kLineFinishIdInRange = 208;
+constexpr int kLineFinishRoutineExists = 209;
 constexpr useconds_t kPlainThreadYieldSleepUs = 5000;
 
 constexpr int32_t kStatusCreated = 1;
@@ -63,31 +74,31 @@ RoutineRecord* recordOf(Routine* routine) { return static_cast<RoutineRecord*>(r
 
 void prepareFiber([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_TSAN
-  record->fiber.tsan_fiber = fiber::createFiber("coroutine");
+  record->fiber.tsan_fiber = internal::createFiber("coroutine");
 #endif
 }
 
 void destroyFiber([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_TSAN
-  fiber::destroyFiber(record->fiber.tsan_fiber);
+  internal::destroyFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler right before it switches into `record`.
 void leaveScheduler([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_ASAN
-  fiber::startSwitch(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
+  internal::startSwitch(&scheduler_fiber.fake_stack, record->stack, record->stack_size);
 #endif
 #if KELVO_TSAN
-  scheduler_fiber.tsan_fiber = fiber::currentFiber();
-  fiber::switchToFiber(record->fiber.tsan_fiber);
+  scheduler_fiber.tsan_fiber = internal::currentFiber();
+  internal::switchToFiber(record->fiber.tsan_fiber);
 #endif
 }
 
 // Called by the scheduler once control is back from a coroutine.
 void enterScheduler() {
 #if KELVO_ASAN
-  fiber::finishSwitch(scheduler_fiber.fake_stack, nullptr, nullptr);
+  internal::finishSwitch(scheduler_fiber.fake_stack, nullptr, nullptr);
 #endif
 }
 
@@ -95,19 +106,19 @@ void enterScheduler() {
 // never run again releases its sanitizer state here.
 void leaveRoutine([[maybe_unused]] RoutineRecord* record, [[maybe_unused]] bool final_switch) {
 #if KELVO_ASAN
-  fiber::startSwitch(final_switch ? nullptr : &record->fiber.fake_stack,
-                     scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
+  internal::startSwitch(final_switch ? nullptr : &record->fiber.fake_stack,
+                        scheduler_fiber.stack_bottom, scheduler_fiber.stack_size);
 #endif
 #if KELVO_TSAN
-  fiber::switchToFiber(scheduler_fiber.tsan_fiber);
+  internal::switchToFiber(scheduler_fiber.tsan_fiber);
 #endif
 }
 
 // Called by a coroutine when it starts or continues after a switch from the scheduler.
 void enterRoutine([[maybe_unused]] RoutineRecord* record) {
 #if KELVO_ASAN
-  fiber::finishSwitch(record == nullptr ? nullptr : record->fiber.fake_stack,
-                      &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
+  internal::finishSwitch(record == nullptr ? nullptr : record->fiber.fake_stack,
+                         &scheduler_fiber.stack_bottom, &scheduler_fiber.stack_size);
 #endif
 }
 
@@ -171,11 +182,12 @@ unsigned int create(std::function<void()> f, uint64_t stack_size) {
   // it fails the same check as an empty slot instead of reading outside the table.
   const bool inTable = id >= 1 && id - 1 < ord->routines.size();
   Routine* routine = inTable ? ord->routines[id - 1] : nullptr;
-  KELVO_ASSERT_AT(routine != nullptr, "routine != nullptr", kPath, 77);
+  KELVO_ASSERT(routine != nullptr, "routine != nullptr", kLineRecycledRoutineExists);
   freeRoutine(routine);
   ord->routines[id - 1] = nullptr;
   ord->indexes.pop_front();
-  KELVO_ASSERT_AT(ord->routines[id - 1] == nullptr, "ord->routines[id - 1] == nullptr", kPath, 68);
+  KELVO_ASSERT(ord->routines[id - 1] == nullptr, "ord->routines[id - 1] == nullptr",
+               kLineRecycledSlotEmptied);
   ord->routines[id - 1] = fresh;
   return id;
 }
@@ -184,14 +196,15 @@ int resume(unsigned int id) {
   // One thread-local lookup per call: every access to `ordinator` from this shared library
   // goes through the TLS resolver.
   Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(ord.current == 0, "ordinator.current == 0", kPath, 85);
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 86);
+  KELVO_ASSERT(ord.current == 0, "ordinator.current == 0", kLineResumeFromScheduler);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineResumeIdInRange);
   Routine* routine = ord.routines[id - 1];
   if (routine == nullptr) return -1;
   if (routine->finished) return -2;
   if (routine->stack != nullptr) {
-    // A coroutine that has run before continues where it yielded; its status stays 3.
+    // A coroutine that has run before continues where it yielded.
+    // Kept: its status stays 3 (yielded) while it runs again, not 2 (started).
     ord.current = id;
     switchToRoutine(ord, routine);
   } else {
@@ -220,8 +233,9 @@ int yield() {
   const char* stack_bottom = &stack_bottom_marker;
 #endif
   const char* stack_top = routine->stack + routine->stack_size;
-  KELVO_ASSERT_AT(size_t(stack_top - stack_bottom) <= routine->stack_size,
-                  "size_t(stack_top - &stack_bottom) <= routine->stack_size", kPath, 176);
+  // Kept: the message's text names `&stack_bottom`, as users match it, whatever the code reads.
+  KELVO_ASSERT(size_t(stack_top - stack_bottom) <= routine->stack_size,
+               "size_t(stack_top - &stack_bottom) <= routine->stack_size", kLineYieldWithinStack);
 
   routine->status = kStatusYielded;
   ord.current = 0;
@@ -236,7 +250,8 @@ unsigned int current() { return ordinator.current; }
 
 bool finished(unsigned int id) {
   if (id == 0) return false;
-  Routine* routine = ordinator.routines[id - 1];  // no range check, by contract
+  // Kept: no range check; callers pass ids that create() returned.
+  Routine* routine = ordinator.routines[id - 1];
   return routine != nullptr && routine->finished;
 }
 
@@ -244,19 +259,19 @@ void recycle(unsigned int id) { ordinator.indexes.push_back(id); }
 
 int routine_status(unsigned int id) {
   const Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 201);
-  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
-                  202);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineStatusIdInRange);
+  KELVO_ASSERT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+               kLineStatusRoutineExists);
   return ord.routines[id - 1]->status;
 }
 
 bool routine_finish(unsigned int id) {
   const Ordinator& ord = ordinator;
-  KELVO_ASSERT_AT(((id - 1) < ord.routines.size()) && (id >= 1),
-                  "((id - 1) < ordinator.routines.size()) && (id >= 1)", kPath, 208);
-  KELVO_ASSERT_AT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr", kPath,
-                  209);
+  KELVO_ASSERT(((id - 1) < ord.routines.size()) && (id >= 1),
+               "((id - 1) < ordinator.routines.size()) && (id >= 1)", kLineFinishIdInRange);
+  KELVO_ASSERT(ord.routines[id - 1] != nullptr, "ordinator.routines[id - 1] != nullptr",
+               kLineFinishRoutineExists);
   return ord.routines[id - 1]->finished;
 }
 

@@ -1,16 +1,39 @@
-// Internal assertion support shared by the units that abort on broken invariants.
+// The check helper of every unit that aborts on a broken invariant (co, shm, thread): one set of
+// macros, one message format, one rule for the line numbers the messages carry.
 //
-// Each unit keeps its own failure counter and reports its own source path and line, so that a
-// failure message points at the invariant that broke. The message format is part of the
-// library's observable behaviour: "Assertion error: <expression> (<path>:<line>)".
+// A failed check adds one to the unit's failure counter `__assert_failures`, writes
+// "Assertion error: <expression> (<path>:<line>)\n" to standard error (the not-null checks:
+// "Assertion error: <name> is not NULL (<path>:<line>)\n"; the errno checks then add
+// "\n<errno>: <text>"), flushes standard error and aborts. The format is part of the library's
+// observable behaviour: users and tests match these messages.
+//
+// The line rule. A check passes its line explicitly, and it is one of two kinds:
+// - `__LINE__`: the message points at the check itself, and moves when the source is edited
+//   (the shared-memory unit's checks; tests match any number there);
+// - a frozen number: the message keeps a line that users and tests match, whatever is edited
+//   around the check. Each frozen number is named once, in the source that holds its check, as
+//   `constexpr int kLine<What> = <n>;` under a comment saying that it is frozen, and is never
+//   changed. Units that report lines in messages of their own (aco's allocation failures, the
+//   cycles clock's read failures) follow the same rule.
+//
+// A unit that uses these checks defines, in the source that holds them (a unit's checks stay in
+// one source, so that the counter and the path stay private to it):
+//   int __assert_failures = 0;                   // the unit's failure counter
+//   constexpr char kAssertPath[] = "src/<unit>"; // the path its messages print
+//
+// Threading rules: a failing check ends the process; the counter is only ever written just
+// before abort().
 #ifndef KELVO_SRC_KELVO_ASSERT_H_
 #define KELVO_SRC_KELVO_ASSERT_H_
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-namespace mosk::kelvo::internal {
+namespace mosk {
+namespace kelvo {
+namespace internal {
 
 [[noreturn]] inline void assertFailed(int* failures, const char* expression, const char* path,
                                       int line) {
@@ -48,15 +71,45 @@ namespace mosk::kelvo::internal {
   std::abort();
 }
 
-}  // namespace mosk::kelvo::internal
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
 
-// Checks `condition`; on failure counts it in the unit's `__assert_failures`, prints
-// `expression_text` with the given source path and line, and aborts.
-#define KELVO_ASSERT_AT(condition, expression_text, path, line)                               \
+// Checks `condition`; on failure reports `expression_text` at `line` of the unit's path.
+#define KELVO_ASSERT(condition, expression_text, line)                                        \
   do {                                                                                        \
     if (!(condition)) {                                                                       \
-      ::mosk::kelvo::internal::assertFailed(&__assert_failures, expression_text, path, line); \
+      ::mosk::kelvo::internal::assertFailed(&__assert_failures, expression_text, kAssertPath, \
+                                            line);                                            \
     }                                                                                         \
+  } while (0)
+
+// Checks that `pointer` is not null; on failure reports "<name> is not NULL".
+#define KELVO_ASSERT_NOT_NULL(pointer, name, line)                                               \
+  do {                                                                                           \
+    if ((pointer) == nullptr) {                                                                  \
+      ::mosk::kelvo::internal::assertNotNullFailed(&__assert_failures, name, kAssertPath, line); \
+    }                                                                                            \
+  } while (0)
+
+// KELVO_ASSERT for a condition that a failing system call makes false: adds errno's report.
+#define KELVO_ASSERT_ERRNO(condition, expression_text, line)                                 \
+  do {                                                                                       \
+    if (!(condition)) {                                                                      \
+      const int kelvo_assert_errno = errno;                                                  \
+      ::mosk::kelvo::internal::assertFailedWithErrno(&__assert_failures, expression_text,    \
+                                                     kAssertPath, line, kelvo_assert_errno); \
+    }                                                                                        \
+  } while (0)
+
+// KELVO_ASSERT_NOT_NULL for a pointer that a failing system call left null: adds errno's report.
+#define KELVO_ASSERT_NOT_NULL_ERRNO(pointer, name, line)                                           \
+  do {                                                                                             \
+    if ((pointer) == nullptr) {                                                                    \
+      const int kelvo_assert_errno = errno;                                                        \
+      ::mosk::kelvo::internal::assertNotNullFailedWithErrno(&__assert_failures, name, kAssertPath, \
+                                                            line, kelvo_assert_errno);             \
+    }                                                                                              \
   } while (0)
 
 #endif  // KELVO_SRC_KELVO_ASSERT_H_

@@ -10,6 +10,9 @@
 
 #include <cstring>
 
+namespace mosk {
+namespace kelvo {
+namespace internal {
 namespace {
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
@@ -166,6 +169,13 @@ unsigned char* BlockBytes(MD5Context* context) {
 }
 
 }  // namespace
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
+
+// The functions below are the unit's interface, in the global namespace; their helpers are this
+// file's own.
+using namespace mosk::kelvo::internal;  // NOLINT(build/namespaces)
 
 void MD5Init(MD5Context* context) {
   context->buf[0] = 0x67452301;

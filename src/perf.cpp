@@ -32,6 +32,8 @@ bool makeDirectory(const char* path, uint32_t mode) {
 // Sorted sample at fraction f of the count. The index is computed in double precision and
 // truncated to 32 bits, which covers every count below 2^31; larger counts (16 GiB of samples)
 // take a 64-bit index instead of wrapping to a negative one.
+// Kept: the index is f x count, truncated, not a rank: of 100 samples p99 is the largest and
+// p90 the 91st.
 uint64_t percentile(const uint64_t* sorted, size_t count, double f) {
   const double index = f * static_cast<double>(count);
   if (count <= static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
@@ -136,7 +138,7 @@ void printHistogram(uint64_t* samples, uint64_t count, uint64_t min, uint64_t ma
     if (max <= min) {
       ++counters[k];
     } else if (v < min || v - min < width) {
-      ++counters[0];
+      ++counters[0];  // Kept: samples below min count in the first bucket, not apart
     } else {
       // The bucket that starts at or below v; overflow once bucket starts reach max.
       const uint64_t bucket = (v - min) / width;
@@ -188,6 +190,8 @@ int mkdir_p(const char* path, uint32_t mode) {
   return makeDirectory(copy, mode) ? 0 : -1;
 }
 
+// Kept: a path without a '/' after its first character is made a directory itself
+// ("results.csv" becomes a directory), as callers of this helper have always had it.
 int ensureParents(const char* path, uint32_t mode) {
   char* copy = strdup(path);
   if (copy == nullptr) return -1;

@@ -20,7 +20,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 using WrapperPtr = std::shared_ptr<RealTimeTaskWrapper>;
 
@@ -134,7 +134,7 @@ class TaskRegistry {
         return true;
       }
     }
-    return false;
+    return false;  // Kept: an unknown method drops every task silently; it never runs.
   }
 
   mutable std::mutex mutex;
@@ -161,8 +161,8 @@ struct WakeCounters {
     addRelaxed(wakeCount, 1);
     const uint64_t interval = now - lastWakeTsc;
     lastWakeTsc = now;
-    // A sample that raises the maximum is not compared with the minimum, so the first sample
-    // never sets the minimum.
+    // Kept: a sample that raises the maximum is not compared with the minimum, so the first
+    // sample never sets the minimum.
     if (interval > maxInterval.load(std::memory_order_relaxed)) {
       maxInterval.store(interval, std::memory_order_relaxed);
     } else if (interval < minInterval.load(std::memory_order_relaxed)) {
@@ -198,7 +198,7 @@ struct WakeCounters {
 // The absolute deadlines of a periodic thread on CLOCK_MONOTONIC, and the load of each period.
 class DeadlineKeeper {
  public:
-  explicit DeadlineKeeper(uint32_t periodUs) : periodUs(periodUs) {
+  explicit DeadlineKeeper(uint32_t periodMicros) : periodUs(periodMicros) {
     clock_gettime(kClock, &nextWakeup_);
   }
 
@@ -212,8 +212,9 @@ class DeadlineKeeper {
 
   // advance() as if the clock read `now`.
   uint64_t advanceFrom(const timespec& now) {
-    // The elapsed part of the period just ended; a negative value (an early wake-up) turns
-    // into a huge load, as callers of this field have always seen it.
+    // The elapsed part of the period just ended.
+    // Kept: a negative value (an early wake-up) turns into a huge load, as readers of this field
+    // have always seen it.
     const int32_t seconds =
         static_cast<int32_t>(static_cast<uint32_t>(now.tv_sec - nextWakeup_.tv_sec));
     const int32_t nanos =
@@ -300,7 +301,7 @@ class DeadlineKeeper {
   timespec nextWakeup_{};  // loop thread (set before it starts)
 };
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

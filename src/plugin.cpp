@@ -4,20 +4,18 @@
 #include <dlfcn.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <list>
 #include <sstream>
 #include <stdexcept>
-#include <string_view>
 
 #include "mosk/kelvo/perf.h"
 #include "mosk/kelvo/thread.h"
 #include "plugin_elf.h"
 #include "plugin_record.h"
+#include "plugin_service_table.h"
 
 namespace mosk {
 namespace kelvo {
@@ -28,131 +26,11 @@ namespace {
 
 // A string made from a C string, failing for a null pointer as the standard library's
 // constructor does (with its message), rather than leaving it undefined.
+// Kept: a null service name throws std::logic_error with the standard library's own words.
 std::string stringFrom(const char* text) {
   if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
   return std::string(text);
 }
-
-// The service registry: an open-addressing hash table of names (owned copies) to pointers.
-// GetService is given a C string and has to measure it first; hashing it eight bytes at a time
-// inline, into a power-of-two table, keeps the whole lookup as cheap as a find in a
-// std::unordered_map keyed by an existing std::string. Iteration is in slot order.
-class ServiceTable {
- public:
-  // The pointer registered under `name`, or null if the name is not registered.
-  void** find(std::string_view name) {
-    Slot* slot = slotOf(name);
-    return slot == nullptr ? nullptr : &slot->service;
-  }
-
-  // Inserts unless the name is there already (the first registration wins).
-  void insert(std::string&& name, void* service) {
-    if (slotOf(name) != nullptr) return;
-    if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));
-    const uint64_t hash = hashOf(name);
-    size_t i = hash & mask();
-    while (slots_[i].state == kUsed) i = (i + 1) & mask();
-    if (slots_[i].state == kRemoved) --removed_;
-    slots_[i] = Slot{std::move(name), service, hash, kUsed};
-    ++used_;
-  }
-
-  void erase(std::string_view name) {
-    Slot* slot = slotOf(name);
-    if (slot == nullptr) return;
-    *slot = Slot{std::string(), nullptr, 0, kRemoved};  // keeps later probes going
-    --used_;
-    ++removed_;
-  }
-
-  std::vector<std::string> names() const {
-    std::vector<std::string> result;
-    result.reserve(used_);
-    for (const Slot& slot : slots_) {
-      if (slot.state == kUsed) result.push_back(slot.name);
-    }
-    return result;
-  }
-
- private:
-  enum State : uint8_t { kFree, kUsed, kRemoved };
-  struct Slot {
-    std::string name;
-    void* service;
-    uint64_t hash;
-    State state;
-  };
-
-  // Linear probing; at most half the slots are taken (used or removed), so a free slot ends
-  // every probe.
-  Slot* slotOf(std::string_view name) {
-    if (slots_.empty()) return nullptr;
-    const uint64_t hash = hashOf(name);
-    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
-      Slot& slot = slots_[i];
-      if (slot.state == kFree) return nullptr;
-      if (slot.state == kUsed && slot.hash == hash && slot.name == name) return &slot;
-    }
-  }
-
-  static uint64_t hashOf(std::string_view name) {
-    const char* bytes = name.data();
-    const size_t size = name.size();
-    uint64_t hash = 0x9e3779b97f4a7c15ull ^ size;
-    size_t offset = 0;
-    for (; offset + 8 <= size; offset += 8) hash = mix(hash, load8(bytes + offset));
-    // The last bytes with fixed-size loads (overlapping what was mixed already where the name is
-    // long enough): a variable-size copy into a word would stall on store forwarding.
-    uint64_t tail = 0;
-    if (offset == size) {
-      tail = 0;
-    } else if (size >= 8) {
-      tail = load8(bytes + size - 8);
-    } else if (size >= 4) {
-      tail = load4(bytes) | uint64_t{load4(bytes + size - 4)} << 32;
-    } else {
-      tail = uint64_t{static_cast<unsigned char>(bytes[0])} |
-             uint64_t{static_cast<unsigned char>(bytes[size / 2])} << 8 |
-             uint64_t{static_cast<unsigned char>(bytes[size - 1])} << 16;
-    }
-    hash = mix(hash, tail);
-    // Spread every input bit over the low bits that pick the slot.
-    hash = (hash ^ (hash >> 33)) * 0xc4ceb9fe1a85ec53ull;
-    return hash ^ (hash >> 33);
-  }
-  static uint64_t load8(const char* bytes) {
-    uint64_t word;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-  }
-  static uint32_t load4(const char* bytes) {
-    uint32_t word;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-  }
-  static uint64_t mix(uint64_t hash, uint64_t word) {
-    hash = (hash ^ word) * 0xff51afd7ed558ccdull;
-    return hash ^ (hash >> 32);
-  }
-
-  size_t mask() const { return slots_.size() - 1; }
-
-  // A table of the next power of two of at least `minimum` slots, without removed slots.
-  void rehash(size_t minimum) {
-    size_t size = 16;
-    while (size < minimum) size *= 2;
-    std::vector<Slot> old(size);
-    old.swap(slots_);
-    used_ = removed_ = 0;
-    for (Slot& slot : old) {
-      if (slot.state == kUsed) insert(std::move(slot.name), slot.service);
-    }
-  }
-
-  std::vector<Slot> slots_;
-  size_t used_ = 0;
-  size_t removed_ = 0;
-};
 
 }  // namespace
 
@@ -162,7 +40,7 @@ class ServiceTable {
 
 struct PluginContext::PrivateData {
   std::list<std::shared_ptr<PeriodicThread>> threadPool;
-  ServiceTable services;
+  internal::ServiceTable services;
   // What each added task became, by name, so that removeThreadTask can wait until the task is
   // really gone. Only observed, never owned.
   std::unordered_multimap<std::string, std::weak_ptr<RealTimeTask>> addedTasks;
@@ -180,7 +58,8 @@ PluginContext::~PluginContext() {
 }
 
 void PluginContext::RegisterService(const char* name, void* service) {
-  d_->services.insert(stringFrom(name), service);  // the first registration of a name wins
+  // Kept: the first registration of a name wins; a later one is dropped without a word.
+  d_->services.insert(stringFrom(name), service);
 }
 
 void PluginContext::UnregisterService(const char* name) { d_->services.erase(stringFrom(name)); }
@@ -246,8 +125,10 @@ std::shared_ptr<PeriodicThread> PluginContext::getPoolThread() const {
 // PluginLoader
 // ---------------------------------------------------------------------------------------------
 
-PluginLoader::PluginLoader(const int& masterVersion) : masterVersion(masterVersion) {}
+PluginLoader::PluginLoader(const int& version) : masterVersion(version) {}
 
+// Kept: never finishes while the map holds the empty entry of an unknown handle (unload() leaves
+// it there); shutdown() is the way around, and callers pass only handles that load() returned.
 PluginLoader::~PluginLoader() {
   while (!plugins.empty()) unload(plugins.begin()->first);
   std::puts("All the plugins have been unloaded.");
@@ -257,22 +138,22 @@ void* PluginLoader::load(const std::string& path) {
   // A 64-bit ELF file whose segments reach past its end would be mapped by the dynamic linker,
   // which then dies of SIGBUS touching the missing pages: such a file is refused before the
   // linker sees it, in the linker's own words for a short file.
-  if (elf::isTruncatedElf(path)) {
-    errorText = plugin_record::truncatedFileError(path);
+  if (internal::elf::isTruncatedElf(path)) {
+    errorText = internal::plugin_record::truncatedFileError(path);
     throw std::runtime_error(errorText);
   }
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
-  if (handle == nullptr) setError(plugin_record::kCannotLoadLibrary);
-  // Early returns below leave the library open on purpose: only libraries whose plug-in was
+  if (handle == nullptr) setError(internal::plugin_record::kCannotLoadLibrary);
+  // Kept: the early returns below leave the library open; only libraries whose plug-in was
   // started are closed by the loader.
   auto* details = static_cast<PluginDetails*>(dlsym(handle, "exports"));
   if (details == nullptr) return nullptr;
-  if (details->apiVersion != plugin_record::kApiVersion) {
-    std::printf(plugin_record::kApiVersionInvalid, details->apiVersion);
+  if (details->apiVersion != internal::plugin_record::kApiVersion) {
+    std::printf(internal::plugin_record::kApiVersionInvalid, details->apiVersion);
     return nullptr;
   }
-  if (!plugin_record::fitsMaster(masterVersion, details->targetMasterVersion)) {
-    std::printf(plugin_record::kMasterMismatch, versionIntToString(masterVersion).c_str(),
+  if (!internal::plugin_record::fitsMaster(masterVersion, details->targetMasterVersion)) {
+    std::printf(internal::plugin_record::kMasterMismatch, versionIntToString(masterVersion).c_str(),
                 details->pluginName, versionIntToString(details->targetMasterVersion).c_str());
     return nullptr;
   }
@@ -283,7 +164,8 @@ void* PluginLoader::load(const std::string& path) {
 }
 
 void PluginLoader::unload(void* handle) {
-  auto& entry = plugins[handle];  // an unknown handle gains an empty entry, and stays
+  // Kept: an unknown handle gains an empty entry, which stays (see the destructor).
+  auto& entry = plugins[handle];
   PluginActivator* activator = entry.second;
   if (activator == nullptr) return;
   activator->stop(&context);

@@ -13,6 +13,7 @@
 
 namespace mosk {
 namespace kelvo {
+namespace internal {
 namespace elf {
 
 namespace {
@@ -197,5 +198,6 @@ WalkResult forEachSymbol(const Bytes& file, SymbolTable table,
 }
 
 }  // namespace elf
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk

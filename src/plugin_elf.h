@@ -18,6 +18,7 @@
 
 namespace mosk {
 namespace kelvo {
+namespace internal {
 namespace elf {
 
 // Random access to the bytes of a file or of a buffer.
@@ -98,6 +99,7 @@ WalkResult forEachSymbol(const Bytes& file, SymbolTable table,
                          const std::function<bool(const Symbol&)>& visit);
 
 }  // namespace elf
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

@@ -9,6 +9,7 @@
 
 namespace mosk {
 namespace kelvo {
+namespace internal {
 namespace plugin_record {
 
 // The only record layout (and PluginActivator interface) there is.
@@ -37,6 +38,7 @@ inline std::string truncatedFileError(const std::string& path) {
 }
 
 }  // namespace plugin_record
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

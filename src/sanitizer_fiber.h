@@ -43,7 +43,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace fiber {
+namespace internal {
 
 inline void startSwitch([[maybe_unused]] void** fakeStackSave, [[maybe_unused]] const void* bottom,
                         [[maybe_unused]] size_t size) {
@@ -91,7 +91,7 @@ inline void switchToFiber([[maybe_unused]] void* fiber) {
 #endif
 }
 
-}  // namespace fiber
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

@@ -19,150 +19,21 @@
 #include <ctime>
 
 #include "kelvo_assert.h"
+#include "shm_header.h"
 
 // The C library's overflow report: "*** buffer overflow detected ***: terminated", then abort.
 extern "C" [[noreturn]] void __chk_fail(void);
 
+namespace mosk {
+namespace kelvo {
+namespace internal {
 namespace {
 
 int __assert_failures = 0;
 
-constexpr const char* kPath = "src/shm";
-constexpr uint32_t kMagic = 0x1234;
+constexpr char kAssertPath[] = "src/shm";
 constexpr const char* kKeyFileFormat = "/tmp/topics/%s/shmkey";
 constexpr size_t kKeyPathSize = 64;
-constexpr size_t kTopicNameSize = 128;
-
-// The segment header as every process sees it. The layout is shared between processes (and
-// between builds of the library), so it is packed to 4 bytes and pinned by the checks below.
-#pragma pack(push, 4)
-struct SegmentHeader {
-  uint32_t magic;
-  uint32_t creator_pid;
-  uint32_t reserved_a;
-  uint64_t reserved_b;
-  uint64_t page_size;
-  uint32_t owner_tid;
-  uint32_t reserved_c;
-  pthread_mutex_t lock_mutex;
-  pthread_mutex_t cond_mutex;
-  pthread_cond_t cond;
-  pthread_rwlock_t rwlock;
-  uint64_t lock_count;
-  uint64_t unlock_count;
-  char topic_name[kTopicNameSize];
-  uint32_t key;
-  uint32_t size;
-};
-#pragma pack(pop)
-
-static_assert(sizeof(pthread_mutex_t) == 40, "mutex size is part of the segment layout");
-static_assert(sizeof(pthread_cond_t) == 48, "condition size is part of the segment layout");
-static_assert(sizeof(pthread_rwlock_t) == 56, "rwlock size is part of the segment layout");
-static_assert(offsetof(SegmentHeader, magic) == 0, "segment layout");
-static_assert(offsetof(SegmentHeader, creator_pid) == 4, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_a) == 8, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_b) == 12, "segment layout");
-static_assert(offsetof(SegmentHeader, page_size) == 20, "segment layout");
-static_assert(offsetof(SegmentHeader, owner_tid) == 28, "segment layout");
-static_assert(offsetof(SegmentHeader, reserved_c) == 32, "segment layout");
-static_assert(offsetof(SegmentHeader, lock_mutex) == 36, "segment layout");
-static_assert(offsetof(SegmentHeader, cond_mutex) == 76, "segment layout");
-static_assert(offsetof(SegmentHeader, cond) == 116, "segment layout");
-static_assert(offsetof(SegmentHeader, rwlock) == 164, "segment layout");
-static_assert(offsetof(SegmentHeader, lock_count) == 220, "segment layout");
-static_assert(offsetof(SegmentHeader, unlock_count) == 228, "segment layout");
-static_assert(offsetof(SegmentHeader, topic_name) == 236, "segment layout");
-static_assert(offsetof(SegmentHeader, key) == 364, "segment layout");
-static_assert(offsetof(SegmentHeader, size) == 368, "segment layout");
-static_assert(sizeof(SegmentHeader) == MEM_HDR_SIZE, "segment layout");
-
-#define SHM_ASSERT(condition, text) KELVO_ASSERT_AT(condition, text, kPath, __LINE__)
-
-#define SHM_ASSERT_ERRNO(condition, text)                                                       \
-  do {                                                                                          \
-    if (!(condition)) {                                                                         \
-      int error = errno;                                                                        \
-      ::mosk::kelvo::internal::assertFailedWithErrno(&__assert_failures, text, kPath, __LINE__, \
-                                                     error);                                    \
-    }                                                                                           \
-  } while (0)
-
-#define SHM_ASSERT_NOT_NULL(pointer, name)                                                     \
-  do {                                                                                         \
-    if ((pointer) == nullptr) {                                                                \
-      ::mosk::kelvo::internal::assertNotNullFailed(&__assert_failures, name, kPath, __LINE__); \
-    }                                                                                          \
-  } while (0)
-
-#define SHM_ASSERT_NOT_NULL_ERRNO(pointer, name)                                             \
-  do {                                                                                       \
-    if ((pointer) == nullptr) {                                                              \
-      int error = errno;                                                                     \
-      ::mosk::kelvo::internal::assertNotNullFailedWithErrno(&__assert_failures, name, kPath, \
-                                                            __LINE__, error);                \
-    }                                                                                        \
-  } while (0)
-
-// Member addresses by offset: the members of a packed struct are not naturally aligned, and
-// the pthread functions only need the address.
-template <typename T>
-T* member(SegmentHeader* header, size_t offset) {
-  return reinterpret_cast<T*>(reinterpret_cast<char*>(header) + offset);
-}
-
-pthread_mutex_t* lockMutex(SegmentHeader* h) {
-  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, lock_mutex));
-}
-pthread_mutex_t* condMutex(SegmentHeader* h) {
-  return member<pthread_mutex_t>(h, offsetof(SegmentHeader, cond_mutex));
-}
-pthread_cond_t* condition(SegmentHeader* h) {
-  return member<pthread_cond_t>(h, offsetof(SegmentHeader, cond));
-}
-pthread_rwlock_t* rwLock(SegmentHeader* h) {
-  return member<pthread_rwlock_t>(h, offsetof(SegmentHeader, rwlock));
-}
-
-// The bookkeeping words are plain shared words: other processes read and write them without
-// any lock. Relaxed atomic loads and stores compile to the same plain moves on x86-64 and keep
-// the concurrent accesses of threads in this process defined. The counters are deliberately
-// not incremented atomically (a load and a store): they are diagnostics.
-typedef uint64_t Word64 __attribute__((aligned(4)));
-
-uint32_t loadWord(SegmentHeader* h, size_t offset) {
-  return __atomic_load_n(member<uint32_t>(h, offset), __ATOMIC_RELAXED);
-}
-void storeWord(SegmentHeader* h, size_t offset, uint32_t value) {
-  __atomic_store_n(member<uint32_t>(h, offset), value, __ATOMIC_RELAXED);
-}
-uint64_t loadWord64(SegmentHeader* h, size_t offset) {
-  return __atomic_load_n(member<Word64>(h, offset), __ATOMIC_RELAXED);
-}
-void storeWord64(SegmentHeader* h, size_t offset, uint64_t value) {
-  __atomic_store_n(member<Word64>(h, offset), value, __ATOMIC_RELAXED);
-}
-void incrementWord64(SegmentHeader* h, size_t offset) {
-  storeWord64(h, offset, loadWord64(h, offset) + 1);
-}
-
-bool isUsable(SegmentHeader* h) { return loadWord(h, offsetof(SegmentHeader, magic)) == kMagic; }
-
-SegmentHeader* headerOf(void* mem) {
-  return reinterpret_cast<SegmentHeader*>(static_cast<char*>(mem) - MEM_HDR_SIZE);
-}
-
-void* dataOf(void* segment) { return static_cast<char*>(segment) + MEM_HDR_SIZE; }
-
-void noteLocked(SegmentHeader* h, uint32_t tid) {
-  storeWord(h, offsetof(SegmentHeader, owner_tid), tid);
-  incrementWord64(h, offsetof(SegmentHeader, lock_count));
-}
-
-void noteUnlocking(SegmentHeader* h) {
-  incrementWord64(h, offsetof(SegmentHeader, unlock_count));
-  storeWord(h, offsetof(SegmentHeader, owner_tid), 0);
-}
 
 // Formats the key-file path of `topic` into `path` (kKeyPathSize bytes). A name that does not
 // fit ends the process the way the C library's checked sprintf does.
@@ -187,7 +58,7 @@ void createParentDirectories(const char* path) {
 void ensureKeyFile(const char* pathname) {
   int fd = open(pathname, O_RDONLY);
   if (fd == -1) {
-    SHM_ASSERT((fd = creat(pathname, 0666)) != -1, "fd = creat(pathname, 0666) != -1");
+    KELVO_ASSERT((fd = creat(pathname, 0666)) != -1, "fd = creat(pathname, 0666) != -1", __LINE__);
   }
   close(fd);
 }
@@ -198,7 +69,8 @@ key_t topic_to_key(const char* topic) {
   createParentDirectories(path_shm);
   ensureKeyFile(path_shm);
   key_t shm_key;
-  SHM_ASSERT_ERRNO((shm_key = ftok(path_shm, 1)) > 0, "(shm_key = ftok(path_shm, 1)) > 0");
+  KELVO_ASSERT_ERRNO((shm_key = ftok(path_shm, 1)) > 0, "(shm_key = ftok(path_shm, 1)) > 0",
+                     __LINE__);
   return shm_key;
 }
 
@@ -235,13 +107,13 @@ void initialiseSyncObjects(SegmentHeader* h) {
   pthread_rwlockattr_destroy(&rwlock_attr);
 }
 
-// First attacher's work. `magic` is published before the data area is zeroed, and nothing
-// guards against a second process initialising at the same moment: topics are created during
-// set-up.
+// First attacher's work.
+// Kept: `magic` is published before the data area is zeroed, and nothing guards against a second
+// process initialising at the same moment: topics are created during set-up.
 void initialiseSegment(int shm_id, SegmentHeader* h, key_t key, size_t size) {
   struct shmid_ds shared_mem_info;
-  SHM_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
-                   "shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0");
+  KELVO_ASSERT_ERRNO(shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0,
+                     "shmctl(shm_id, IPC_STAT, &shared_mem_info) >= 0", __LINE__);
   initialiseSyncObjects(h);
   long page_size = sysconf(_SC_PAGESIZE);
   pretouch(reinterpret_cast<const char*>(h), size, page_size);
@@ -286,15 +158,9 @@ struct ForkHandlerRegistration {
   ForkHandlerRegistration() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
 } forkHandlerRegistration;
 
-}  // namespace
-
-uint32_t shm_gettid() { return cachedThreadId(); }
-
-namespace {
-
 // shm_rdlock and shm_wrlock: one try, the error number passed on, bookkeeping on success.
 inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -305,25 +171,36 @@ inline int tryReadWriteLock(void* mem, int (*tryLock)(pthread_rwlock_t*)) {
 }
 
 }  // namespace
+}  // namespace internal
+}  // namespace kelvo
+}  // namespace mosk
+
+// The functions below are the unit's interface, in the global namespace (C names, and the global
+// gettid()); their helpers are this file's own.
+using namespace mosk::kelvo::internal;  // NOLINT(build/namespaces)
+
+uint32_t shm_gettid() { return cachedThreadId(); }
 
 extern "C" {
 
 void* shm_connect_by_key(key_t key, size_t size) {
   int shm_id = shmget(key, size + MEM_HDR_SIZE, IPC_CREAT | 0600);
-  SHM_ASSERT(shm_id > 0, "shm_id > 0");
+  KELVO_ASSERT(shm_id > 0, "shm_id > 0", __LINE__);  // Kept: identifier 0, valid, fails too
   struct shmid_ds buf;
   std::memset(&buf, 0, sizeof buf);
   shmctl(shm_id, IPC_STAT, &buf);
-  SHM_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz");
+  KELVO_ASSERT((size + MEM_HDR_SIZE) == buf.shm_segsz, "(size + MEM_HDR_SIZE) == buf.shm_segsz",
+               __LINE__);
   void* mem = shmat(shm_id, nullptr, 0);
-  SHM_ASSERT_NOT_NULL_ERRNO(mem, "mem");
+  // Kept: shmat fails with (void*)-1, not null, which this check lets through.
+  KELVO_ASSERT_NOT_NULL_ERRNO(mem, "mem", __LINE__);
   auto* header = static_cast<SegmentHeader*>(mem);
   if (!isUsable(header)) initialiseSegment(shm_id, header, key, size);
   return dataOf(mem);
 }
 
 void* shm_connect_by_topic(const char* topic, size_t size) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   void* mem = shm_connect_by_key(topic_to_key(topic), size);
   SegmentHeader* header = headerOf(mem);
   if (!isUsable(header)) return nullptr;
@@ -333,10 +210,11 @@ void* shm_connect_by_topic(const char* topic, size_t size) {
 }
 
 uint64_t shm_nattch_by_topic(const char* topic) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
+    // Kept: the message names "tlx_shm_nattch", as readers of standard error match it.
     std::fprintf(stderr, "tlx_shm_nattch: shmctl failed: %s\n", std::strerror(errno));
     return 0;
   }
@@ -344,7 +222,7 @@ uint64_t shm_nattch_by_topic(const char* topic) {
 }
 
 int shm_rm_by_topic(const char* topic) {
-  SHM_ASSERT_NOT_NULL(topic, "topic_name");
+  KELVO_ASSERT_NOT_NULL(topic, "topic_name", __LINE__);
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(topic_to_key(topic), &shm_id, &status)) {
@@ -362,7 +240,8 @@ int shm_rm_by_topic(const char* topic) {
   markForRemoval(shm_id);
   char path[kKeyPathSize];
   formatKeyPath(path, topic);
-  // Only descriptor 0 counts as a successful open here; any other stays open.
+  // Kept: only descriptor 0 counts as a successful open here (the key file is then removed);
+  // any other descriptor stays open and the file stays.
   int fd = open(path, O_RDONLY);
   if (fd == 0) {
     close(fd);
@@ -375,6 +254,7 @@ int shm_rm_by_key(key_t key) {
   int shm_id;
   struct shmid_ds status;
   if (!statExisting(key, &shm_id, &status)) {
+    // Kept: the same text as shm_rm_by_topic's, function name included.
     std::fprintf(stderr, "shm_rm_by_topic: shmctl failed: %s\n", std::strerror(errno));
     return -1;
   }
@@ -385,13 +265,14 @@ int shm_rm_by_key(key_t key) {
   return 0;
 }
 
+// Kept: detaches nothing and returns -1; segments stay attached until the process ends.
 int shm_disconnect(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   return -1;
 }
 
 int shm_trylock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -404,8 +285,10 @@ int shm_rdlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_tryrdloc
 
 int shm_wrlock(void* mem) { return tryReadWriteLock(mem, pthread_rwlock_trywrlock); }
 
+// Kept: no owner check, and it releases a write lock too; the exclusive lock of shm_lock and
+// shm_trylock has no release in this interface.
 int shm_unlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   noteUnlocking(h);
@@ -414,7 +297,7 @@ int shm_unlock(void* mem) {
 }
 
 int shm_wrunlock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
@@ -425,7 +308,7 @@ int shm_wrunlock(void* mem) {
 }
 
 int shm_wait(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   pthread_mutex_lock(condMutex(h));
@@ -435,7 +318,7 @@ int shm_wait(void* mem) {
 }
 
 int shm_timedwait(void* mem, int timeout) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   int rc = pthread_mutex_trylock(condMutex(h));
@@ -443,8 +326,8 @@ int shm_timedwait(void* mem, int timeout) {
     std::printf("pthread_mutex_trylock: %d\n", rc);
     return rc;
   }
-  // A non-positive time-out keeps the epoch as its deadline: already passed, so the wait
-  // times out at once.
+  // Kept: a non-positive time-out keeps the epoch as its deadline: already passed, so the wait
+  // times out at once (and prints, like every failed wait, a line on standard output).
   struct timespec deadline = {0, 0};
   if (timeout > 0) {
     struct timeval now;
@@ -464,7 +347,7 @@ int shm_timedwait(void* mem, int timeout) {
 }
 
 int shm_notify(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;
   int rc = pthread_mutex_trylock(condMutex(h));
@@ -477,7 +360,7 @@ int shm_notify(void* mem) {
 }  // extern "C"
 
 int shm_lock(void* mem) {
-  SHM_ASSERT_NOT_NULL(mem, "mem");
+  KELVO_ASSERT_NOT_NULL(mem, "mem", __LINE__);
   uint32_t tid = cachedThreadId();
   SegmentHeader* h = headerOf(mem);
   if (!isUsable(h)) return -1;

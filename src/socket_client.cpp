@@ -1,3 +1,4 @@
+// The TCP client: connecting, the receiving thread that reconnects after failures, and sending.
 #include "mosk/kelvo/socket_client.h"
 
 #include <arpa/inet.h>
@@ -52,6 +53,8 @@ SocketClient::SocketClient(TcpCallback* prototype) {
   delete prototype;
 }
 
+// Kept: the per-socket callback is not deleted here, unlike a server connection's: the
+// application reaches it through getTcpCallback() and owns it.
 SocketClient::~SocketClient() { stop(true); }
 
 int SocketClient::getFd() const { return fd_.load(std::memory_order_relaxed); }
@@ -60,6 +63,7 @@ TcpState SocketClient::getState() const { return state_.load(); }
 
 TcpCallback* SocketClient::getTcpCallback() const { return callback_; }
 
+// Kept: stored and never consulted; the client's receiving always uses length-prefixed framing.
 void SocketClient::setRecvPolicy(const TcpReceivePolicy& policy) {
   policy_.store(policy, std::memory_order_relaxed);
 }
@@ -81,7 +85,7 @@ int SocketClient::connect(const char* ip, const int& port, const int& timeout) {
   // The mutex is taken before the thread starts so that its "connected" notification cannot
   // come before this call waits for it.
   std::unique_lock<std::mutex> lock(mutex_);
-  if (!buffer_) buffer_.reset(new char[framing::kClientBufferSize]);
+  if (!buffer_) buffer_.reset(new char[internal::kClientBufferSize]);
   thread_ = SocketThread::start<SocketClient, &SocketClient::receivingLoop>(
       this, threadStackSize_.load(std::memory_order_relaxed));
   if (timeout == 0) return 0;
@@ -102,7 +106,7 @@ int SocketClient::connect(const char* ip, const int& port, const int& timeout) {
 }
 
 int SocketClient::setThreadStackSize(size_t bytes) {
-  return storeThreadStackSize(threadStackSize_, bytes);
+  return internal::storeThreadStackSize(threadStackSize_, bytes);
 }
 
 size_t SocketClient::getThreadStackSize() const {
@@ -110,8 +114,8 @@ size_t SocketClient::getThreadStackSize() const {
 }
 
 int SocketClient::send(const char* data, const int& length) {
-  return sendOnce(getState() == TcpState::Connected, getFd(), data, length,
-                  [this](const std::string& text) { setLastError(text); });
+  return internal::sendOnce(getState() == TcpState::Connected, getFd(), data, length,
+                            [this](const std::string& text) { setLastError(text); });
 }
 
 int SocketClient::update() {
@@ -191,23 +195,23 @@ bool SocketClient::connectOnce() {
 
 void SocketClient::receiveUntilLost(char* buffer) {
   // A new connection starts a new byte stream: nothing held from the last one is kept.
-  framing::ClientFrameState frames;
+  internal::ClientFrameState frames;
   while (true) {
     int fd = fd_.load(std::memory_order_relaxed);
-    ssize_t n = recv(fd, buffer + frames.fill, framing::kReceiveSize, 0);
+    ssize_t n = recv(fd, buffer + frames.fill, internal::kReceiveSize, 0);
     if (n <= 0) {
       closeFd();
       if (callback_ != nullptr) callback_->onDisconnected();
       state_.store(TcpState::Disconnected);
       return;
     }
-    framing::frameLengthPrefixedClient(buffer, frames, static_cast<int>(n),
-                                       [this](const char* data, const int& length) {
-                                         if (callback_ != nullptr) {
-                                           callback_->onReceived(data, length);
-                                         }
-                                       });
-    armQuickAck(fd);
+    internal::frameLengthPrefixedClient(buffer, frames, static_cast<int>(n),
+                                        [this](const char* data, const int& length) {
+                                          if (callback_ != nullptr) {
+                                            callback_->onReceived(data, length);
+                                          }
+                                        });
+    internal::armQuickAck(fd);
   }
 }
 

@@ -4,8 +4,8 @@
 // recv returned, and hands every complete message to `deliver(const char* data, int length)`.
 // None of them reads or writes outside its buffer, hands over bytes that were not received,
 // or loops without progress, whatever the peer sends.
-#ifndef KELVO_SOCKET_FRAMING_H_
-#define KELVO_SOCKET_FRAMING_H_
+#ifndef KELVO_SRC_SOCKET_FRAMING_H_
+#define KELVO_SRC_SOCKET_FRAMING_H_
 
 #include <cstdint>
 #include <cstring>
@@ -13,7 +13,7 @@
 
 namespace mosk {
 namespace kelvo {
-namespace framing {
+namespace internal {
 
 // Bytes asked of one recv.
 constexpr int kReceiveSize = 4096;
@@ -127,8 +127,8 @@ void frameLengthPrefixedClient(char* buffer, ClientFrameState& state, int receiv
   }
 }
 
-}  // namespace framing
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 
-#endif  // KELVO_SOCKET_FRAMING_H_
+#endif  // KELVO_SRC_SOCKET_FRAMING_H_

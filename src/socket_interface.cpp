@@ -1,3 +1,4 @@
+// The socket interfaces and callback base, and the factories of TCP servers and clients.
 #include "mosk/kelvo/socket_interface.h"
 
 #include "mosk/kelvo/socket_client.h"

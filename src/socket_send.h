@@ -1,7 +1,7 @@
 // What both connected-socket kinds share: the send (one send(2), no retry, no lock) and the
 // re-arming of quick acknowledgements after a receive.
-#ifndef KELVO_SOCKET_SEND_H_
-#define KELVO_SOCKET_SEND_H_
+#ifndef KELVO_SRC_SOCKET_SEND_H_
+#define KELVO_SRC_SOCKET_SEND_H_
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -13,6 +13,7 @@
 
 namespace mosk {
 namespace kelvo {
+namespace internal {
 
 // -1 with "send failed: Not connected" unless `connected`; otherwise one send of `length`
 // bytes: 0 for any count (a partial one included), -1 with "send failed: <strerror>".
@@ -36,7 +37,8 @@ inline void armQuickAck(int fd) {
   setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
 }
 
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 
-#endif  // KELVO_SOCKET_SEND_H_
+#endif  // KELVO_SRC_SOCKET_SEND_H_

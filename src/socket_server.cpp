@@ -1,3 +1,4 @@
+// The TCP server: binding, the accepting thread, and each connection with its receiving thread.
 #include "mosk/kelvo/socket_server.h"
 
 #include <sys/socket.h>
@@ -26,7 +27,7 @@ SocketClientProxy::SocketClientProxy(const int& fd, TcpCallback* prototype, size
     : fd_(fd) {
   // Holds at most one receive's text: reserved here, on the creating thread, so that the
   // receiving thread never allocates.
-  lines_.reserve(framing::kReceiveSize);
+  lines_.reserve(internal::kReceiveSize);
   callback_ = prototype->newInstance(this);
   try {
     thread_ = SocketThread::start<SocketClientProxy, &SocketClientProxy::receivingLoop>(
@@ -72,8 +73,8 @@ std::string SocketClientProxy::getLastError() const {
 }
 
 int SocketClientProxy::send(const char* data, const int& length) {
-  return sendOnce(getState() == TcpState::Connected, getFd(), data, length,
-                  [this](const std::string& text) { setLastError(text); });
+  return internal::sendOnce(getState() == TcpState::Connected, getFd(), data, length,
+                            [this](const std::string& text) { setLastError(text); });
 }
 
 int SocketClientProxy::stop(const bool& shut) {
@@ -96,7 +97,7 @@ void SocketClientProxy::onUpdate() {
 // through the virtual table would race with a derived class's constructor and destructor (and
 // could reach an override whose object is gone).
 void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
-  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, internal::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
@@ -107,25 +108,25 @@ void SocketClientProxy::receiveRaw(char* buffer, bool& ended) {
 
 void SocketClientProxy::receiveLengthPrefixed(char* buffer, int& offset, int& fill, bool& ended) {
   int fd = fd_.load(std::memory_order_relaxed);
-  ssize_t n = recv(fd, buffer + fill, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd, buffer + fill, internal::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
   }
-  framing::frameLengthPrefixedServer(
+  internal::frameLengthPrefixedServer(
       buffer, offset, fill, static_cast<int>(n),
       [this](const char* data, const int& length) { callback_->onReceived(data, length); });
-  armQuickAck(fd);
+  internal::armQuickAck(fd);
 }
 
 void SocketClientProxy::receiveLines(char* buffer, bool& ended) {
   lines_.clear();
-  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, framing::kReceiveSize, 0);
+  ssize_t n = recv(fd_.load(std::memory_order_relaxed), buffer, internal::kReceiveSize, 0);
   if (n <= 0) {
     ended = true;
     return;
   }
-  framing::frameLines(
+  internal::frameLines(
       buffer, static_cast<int>(n), lines_,
       [this](const char* data, const int& length) { callback_->onReceived(data, length); });
 }
@@ -137,7 +138,7 @@ void SocketClientProxy::receivingLoop() {
   }
   callback_->onConnected();
 
-  char buffer[framing::kServerBufferSize];
+  char buffer[internal::kServerBufferSize];
   int offset = 0;
   int fill = 0;
   bool ended = false;
@@ -264,7 +265,7 @@ void SocketServer::acceptConnection(int fd) {
     refusedConnections_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  armQuickAck(fd);
+  internal::armQuickAck(fd);
   SocketClientProxy* connection = nullptr;
   try {
     connection =
@@ -282,7 +283,7 @@ void SocketServer::acceptConnection(int fd) {
 }
 
 int SocketServer::setThreadStackSize(size_t bytes) {
-  return storeThreadStackSize(threadStackSize_, bytes);
+  return internal::storeThreadStackSize(threadStackSize_, bytes);
 }
 
 size_t SocketServer::getThreadStackSize() const {
@@ -355,7 +356,8 @@ int SocketServer::stop() {
     if (connection->getState() == TcpState::Connected) {
       connection->stop(true);
     } else {
-      // Dropped without being deleted; the entry that slides into this slot is skipped.
+      // Kept: dropped without being deleted, and the entry that slides into this slot is
+      // skipped by this walk.
       eraseAt(i);
     }
     ++i;

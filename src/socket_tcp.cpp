@@ -1,3 +1,4 @@
+// The socket helpers: socket creation, device binding, connecting, sending and receiving.
 #include "mosk/kelvo/socket_tcp.h"
 
 #include <arpa/inet.h>
@@ -88,7 +89,9 @@ int blockConnect(const int& fd, sockaddr* addr, const int& timeout) {
   int error = 0;
   int savedFlags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, O_NONBLOCK);
-  if (connect(fd, addr, sizeof(sockaddr_in)) == 0) return 0;  // stays non-blocking
+  // Kept: a connection made at once leaves the socket non-blocking (the flags are restored only
+  // after a wait).
+  if (connect(fd, addr, sizeof(sockaddr_in)) == 0) return 0;
   if (errno != EINPROGRESS) {
     close(fd);
     return -1;
@@ -121,6 +124,7 @@ int blockConnect(const int& fd, sockaddr* addr, const int& timeout) {
   return 0;
 }
 
+// Kept: waits for readability, not writability, before it writes.
 int selectSend(const int& fd, const char* data, int length) {
   if (!waitReadable(fd)) return -1;
   return static_cast<int>(write(fd, data, length));

@@ -1,3 +1,4 @@
+// The threads of the TCP classes, started with a stack of a chosen size.
 #include "socket_thread.h"
 
 #include <unistd.h>
@@ -39,7 +40,7 @@ void* SocketThread::run(void* self) noexcept {
   return nullptr;
 }
 
-int storeThreadStackSize(std::atomic<size_t>& setting, size_t bytes) {
+int internal::storeThreadStackSize(std::atomic<size_t>& setting, size_t bytes) {
   auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   if (bytes != 0 && (bytes < kTcpMinThreadStackSize || bytes > SIZE_MAX - page)) return -1;
   setting.store((bytes + page - 1) / page * page, std::memory_order_relaxed);

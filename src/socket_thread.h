@@ -13,8 +13,8 @@
 // thread whose own code does not allocate never gets a heap arena of its own.
 //
 // Threading: one owner thread starts, joins and deletes a SocketThread.
-#ifndef KELVO_SOCKET_THREAD_H_
-#define KELVO_SOCKET_THREAD_H_
+#ifndef KELVO_SRC_SOCKET_THREAD_H_
+#define KELVO_SRC_SOCKET_THREAD_H_
 
 #include <pthread.h>
 
@@ -24,6 +24,8 @@
 namespace mosk {
 namespace kelvo {
 
+// In mosk::kelvo, not internal: the public headers of the TCP classes name it there (they hold
+// pointers to it), so its namespace is part of their binary interface.
 class SocketThread {
  public:
   using Entry = void (*)(void* object);
@@ -56,9 +58,11 @@ class SocketThread {
 // What setThreadStackSize does: stores `bytes` rounded up to whole pages into `setting` (0
 // stays 0, the platform's default) and returns 0, or returns -1 and leaves `setting` as it is
 // for a size below kTcpMinThreadStackSize or one too large to round.
+namespace internal {
 int storeThreadStackSize(std::atomic<size_t>& setting, size_t bytes);
+}  // namespace internal
 
 }  // namespace kelvo
 }  // namespace mosk
 
-#endif  // KELVO_SOCKET_THREAD_H_
+#endif  // KELVO_SRC_SOCKET_THREAD_H_

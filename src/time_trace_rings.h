@@ -8,14 +8,14 @@
 
 namespace mosk {
 namespace kelvo {
-namespace detail {
+namespace internal {
 
 // Of `candidates`, the task identifiers that some task-run event still carries in a ring that a
 // merge may read (a registered ring, or one a merge is still reading). Reads every slot of those
 // rings under TimeTrace::mutex, without suppressing recording.
 std::unordered_set<uint64_t> taskIdsStillInRings(const std::unordered_set<uint64_t>& candidates);
 
-}  // namespace detail
+}  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk
 

@@ -1,5 +1,6 @@
 // The segment of a typed topic: names and key files, creating or attaching (and checking) the
-// segment, removal and the read-only status used by kelvo-topics.
+// segment, removal and the read-only status used by kelvo-topics (topic_segment.cpp), and which
+// processes are alive (topic_process.cpp).
 //
 // Threading: every function may be called from any thread; they make system calls and are for
 // set-up and tear-down, never for a real-time loop.
@@ -9,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "mosk/kelvo/topic.h"
@@ -51,6 +53,11 @@ constexpr int kTokenPidBits = 22;  // pid_max is at most 2^22
 uint64_t processToken(pid_t pid);
 uint64_t selfToken();  // this process's (renewed after fork)
 bool tokenAlive(uint64_t token);
+
+// True when the process that created a segment at `createdAt` (seconds since the epoch) is
+// certainly gone: no such process, a zombie, or a process started after the segment was
+// made (its pid was reused).
+bool creatorGone(pid_t pid, time_t createdAt);
 
 // "/tmp/topics/<topic>/shmkey".
 std::string keyFilePath(const std::string& topic);

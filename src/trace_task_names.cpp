@@ -99,7 +99,7 @@ size_t TraceTaskNames::prune() {
   // The rings are read without the map's lock. A retired task records no more events, so what
   // the rings no longer show now, they never show again.
   const std::unordered_set<uint64_t> stillShown =
-      candidates.empty() ? candidates : detail::taskIdsStillInRings(candidates);
+      candidates.empty() ? candidates : internal::taskIdsStillInRings(candidates);
   std::lock_guard<std::mutex> lock(map.mutex);
   size_t dropped = 0;
   for (const uint64_t taskId : candidates) {

@@ -18,7 +18,7 @@
 
 #include "plugin_test_support.h"
 
-namespace mosk::kelvo::elf {
+namespace mosk::kelvo::internal::elf {
 namespace {
 
 using test_support::pluginPath;
@@ -398,4 +398,4 @@ TEST_F(PluginElfTest, ReadsOutsideTheBytesFail) {
 }
 
 }  // namespace
-}  // namespace mosk::kelvo::elf
+}  // namespace mosk::kelvo::internal::elf

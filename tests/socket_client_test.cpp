@@ -35,16 +35,16 @@ using kelvo_test::writeAll;
 
 std::vector<std::string> frameClient(const std::vector<std::string>& receives) {
   std::vector<std::string> delivered;
-  std::vector<char> buffer(framing::kClientBufferSize);
-  framing::ClientFrameState state;
+  std::vector<char> buffer(internal::kClientBufferSize);
+  internal::ClientFrameState state;
   for (const std::string& bytes : receives) {
-    EXPECT_LE(state.fill + static_cast<int>(bytes.size()), framing::kClientBufferSize);
-    EXPECT_LE(bytes.size(), static_cast<size_t>(framing::kReceiveSize));
+    EXPECT_LE(state.fill + static_cast<int>(bytes.size()), internal::kClientBufferSize);
+    EXPECT_LE(bytes.size(), static_cast<size_t>(internal::kReceiveSize));
     std::memcpy(buffer.data() + state.fill, bytes.data(), bytes.size());
-    framing::frameLengthPrefixedClient(
+    internal::frameLengthPrefixedClient(
         buffer.data(), state, static_cast<int>(bytes.size()),
         [&](const char* data, int length) { delivered.emplace_back(data, length); });
-    EXPECT_LT(state.fill, framing::kClientMaxFrame);
+    EXPECT_LT(state.fill, internal::kClientMaxFrame);
   }
   return delivered;
 }
@@ -64,13 +64,13 @@ TEST(ClientFramingTest, AFrameLongerThanTheReceivedBytesWaitsForTheRest) {
 }
 
 TEST(ClientFramingTest, FramesLongerThanTheLimitAreSkipped) {
-  std::string big = frame(std::string(framing::kClientMaxFrame, 'b'));  // limit + 4 bytes
+  std::string big = frame(std::string(internal::kClientMaxFrame, 'b'));  // limit + 4 bytes
   std::vector<std::string> receives;
   for (size_t at = 0; at < big.size(); at += 1000) receives.push_back(big.substr(at, 1000));
   receives.push_back(frame("after"));
   EXPECT_EQ(frameClient(receives), std::vector<std::string>{frame("after")});
   // The largest frame that is kept.
-  std::string largest = frame(std::string(framing::kClientMaxFrame - 4, 'l'));
+  std::string largest = frame(std::string(internal::kClientMaxFrame - 4, 'l'));
   auto delivered = frameClient({largest.substr(0, 3000), largest.substr(3000)});
   ASSERT_EQ(delivered.size(), 1u);
   EXPECT_EQ(delivered[0], largest);

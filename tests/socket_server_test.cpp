@@ -33,12 +33,12 @@ using kelvo_test::writeAll;
 
 std::vector<std::string> frameServer(const std::vector<std::string>& receives) {
   std::vector<std::string> delivered;
-  char buffer[framing::kServerBufferSize];
+  char buffer[internal::kServerBufferSize];
   int offset = 0;
   int fill = 0;
   for (const std::string& bytes : receives) {
     std::memcpy(buffer + fill, bytes.data(), bytes.size());
-    framing::frameLengthPrefixedServer(
+    internal::frameLengthPrefixedServer(
         buffer, offset, fill, static_cast<int>(bytes.size()),
         [&](const char* data, int length) { delivered.emplace_back(data, length); });
     EXPECT_EQ(offset, 0);
@@ -49,11 +49,11 @@ std::vector<std::string> frameServer(const std::vector<std::string>& receives) {
 
 std::vector<std::string> frameLines(const std::string& bytes) {
   std::vector<std::string> delivered;
-  char buffer[framing::kServerBufferSize];
+  char buffer[internal::kServerBufferSize];
   std::memcpy(buffer, bytes.data(), bytes.size());
   std::string accumulator;
-  framing::frameLines(buffer, static_cast<int>(bytes.size()), accumulator,
-                      [&](const char* data, int length) { delivered.emplace_back(data, length); });
+  internal::frameLines(buffer, static_cast<int>(bytes.size()), accumulator,
+                       [&](const char* data, int length) { delivered.emplace_back(data, length); });
   return delivered;
 }
 
@@ -108,10 +108,10 @@ TEST(ServerFramingTest, LengthPrefixedHugeHeadersDropTheRestOfTheReceive) {
 }
 
 TEST(ServerFramingTest, LengthPrefixedFrameOfAWholeReceiveIsDelivered) {
-  std::string payload(framing::kReceiveSize - 4, 'p');
+  std::string payload(internal::kReceiveSize - 4, 'p');
   auto delivered = frameServer({frame(payload)});
   ASSERT_EQ(delivered.size(), 1u);
-  EXPECT_EQ(delivered[0].size(), static_cast<size_t>(framing::kReceiveSize));
+  EXPECT_EQ(delivered[0].size(), static_cast<size_t>(internal::kReceiveSize));
 }
 
 TEST(ServerFramingTest, LinesAccumulateWithinAReceiveAndNeverDeliverTheLastToken) {

@@ -13,6 +13,7 @@
 namespace mosk::kelvo {
 namespace {
 
+using internal::storeThreadStackSize;
 using kelvo_test::factsOfThisThread;
 using kelvo_test::hasStackOf;
 using kelvo_test::leavesCallbacksTheirRoom;

@@ -10,7 +10,7 @@
 #include "periodic_thread_parts.h"
 #include "thread_test_support.h"
 
-namespace mosk::kelvo::detail {
+namespace mosk::kelvo::internal {
 namespace {
 
 int64_t toNs(const timespec& t) { return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec; }
@@ -111,4 +111,4 @@ TEST(GridTest, APeriodicThreadRunsOnTheGridAndOffIt) {
 }
 
 }  // namespace
-}  // namespace mosk::kelvo::detail
+}  // namespace mosk::kelvo::internal

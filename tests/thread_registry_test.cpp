@@ -12,7 +12,7 @@
 #include "mosk/kelvo/thread.h"
 #include "periodic_thread_parts.h"
 
-namespace mosk::kelvo::detail {
+namespace mosk::kelvo::internal {
 namespace {
 
 WrapperPtr wrap(const std::string& name, int priority = 0) {
@@ -168,4 +168,4 @@ TEST(DeadlineKeeperTest, ZeroPeriodRunsBackToBackAndReadsNoLoad) {
 }
 
 }  // namespace
-}  // namespace mosk::kelvo::detail
+}  // namespace mosk::kelvo::internal

@@ -23,6 +23,7 @@
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
 #include "mosk/kelvo/trace_task_names.h"
+#include "periodic_thread_trace.h"
 #include "thread_test_support.h"
 
 namespace mosk::kelvo {
@@ -31,9 +32,10 @@ namespace {
 using Buffer = TimeTrace::Buffer;
 using nlohmann::json;
 
-constexpr char kPass[] = "Task FRAME ++++++++++ started, %d tasks";
-constexpr char kTaskStart[] = "Task[%d] >>>>>>>> started";
-constexpr char kTaskEnd[] = "Task[%d] <<<<<<<< end %d";
+// The loop's own event texts: the renderer recognises exactly these.
+constexpr const char* kPass = internal::kPassStartFormat;
+constexpr const char* kTaskStart = internal::kTaskStartFormat;
+constexpr const char* kTaskEnd = internal::kTaskEndFormat;
 
 // A clock of exactly 1e9 cycles per second (1000 cycles = 1 us), restored afterwards.
 class TraceJsonTest : public ::testing::Test {

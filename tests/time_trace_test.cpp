@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "mosk/kelvo/cycles.h"
+#include "periodic_thread_trace.h"
 
 namespace mosk::kelvo {
 namespace {
@@ -527,6 +528,14 @@ constexpr char kLoopPassFile[] =
     "     1.8 us (+   1.2 us): Task[0] <<<<<<<< end 41\n"
     "     2.0 us (+   0.2 us): Task[1] >>>>>>>> started\n"
     "    11.3 us (+   9.3 us): Task[1] <<<<<<<< end -1\n";
+
+// The loop records its events with the texts defined in periodic_thread_trace.h; they are part
+// of the trace's output format, which users' tools parse, so they are spelled out here once more.
+TEST(LoopEventTextsTest, AreTheTextsTheTraceHasAlwaysShown) {
+  EXPECT_STREQ(internal::kPassStartFormat, "Task FRAME ++++++++++ started, %d tasks");
+  EXPECT_STREQ(internal::kTaskStartFormat, "Task[%d] >>>>>>>> started");
+  EXPECT_STREQ(internal::kTaskEndFormat, "Task[%d] <<<<<<<< end %d");
+}
 
 // The task identifiers the loop records for the trace viewer change nothing in the text trace:
 // both forms are byte for byte what they were without them.

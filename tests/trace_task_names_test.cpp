@@ -12,12 +12,14 @@
 
 #include "mosk/kelvo/thread.h"
 #include "mosk/kelvo/time_trace.h"
+#include "periodic_thread_trace.h"
 
 namespace mosk::kelvo {
 namespace {
 
-constexpr char kTaskStart[] = "Task[%d] >>>>>>>> started";
-constexpr char kTaskEnd[] = "Task[%d] <<<<<<<< end %d";
+// The loop's own event texts: only these carry a task's identifier.
+constexpr const char* kTaskStart = internal::kTaskStartFormat;
+constexpr const char* kTaskEnd = internal::kTaskEndFormat;
 
 // Identifiers far above any wrapper's serial, with a high word, so that they test the split.
 constexpr uint64_t kFirstId = 0x7000000100000000ull;

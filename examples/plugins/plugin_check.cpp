@@ -47,8 +47,8 @@
 
 namespace {
 
-namespace elf = mosk::kelvo::elf;
-namespace record = mosk::kelvo::plugin_record;
+namespace elf = mosk::kelvo::internal::elf;
+namespace record = mosk::kelvo::internal::plugin_record;
 using mosk::kelvo::PluginDetails;
 using mosk::kelvo::versionIntToString;
 

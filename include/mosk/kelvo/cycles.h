@@ -6,8 +6,8 @@
 // being loaded (a busy measurement of at least about 20 ms), so it is ready before user code
 // runs.
 //
-// Rounding, by design: toNanoseconds() and the from-conversions round to nearest; toSeconds()
-// does not round; toMicroseconds() and toMilliseconds() truncate the already-rounded
+// Kept: rounding differs by conversion: toNanoseconds() and the from-conversions round to nearest;
+// toSeconds() does not round; toMicroseconds() and toMilliseconds() truncate the already-rounded
 // nanosecond count. Every conversion takes a trailing cycles-per-second factor: 0 means the
 // calibrated Cycles::cyclesPerSec, anything else is used as given. Counts at or above 2^63
 // convert as the unsigned values they are.
@@ -40,7 +40,7 @@ class KELVO_EXPORT Cycles {
   static uint64_t startTick;
   // Calibrated counter cycles per second; 0 until calibration.
   static double cyclesPerSec;
-  // Test hooks for callers; never consulted by this class.
+  // Kept: test hooks for callers, never consulted by this class.
   static double mockCyclesPerSec;
   static uint64_t mockTscValue;
 

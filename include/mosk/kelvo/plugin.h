@@ -124,6 +124,7 @@ class KELVO_EXPORT PluginContext {
   // The pointer registered under `name`, or null (also for a null name).
   void* GetService(const char* name);
   // Every registered name, in no particular order.
+  // Kept: the method's name is spelt as the interface has always spelt it.
   std::vector<std::string> dumpSerivces();
 
   // Adds `task` to the pool thread (priority -1, expected run time 0 us, so every run counts
@@ -162,7 +163,7 @@ class KELVO_EXPORT PluginLoader {
   explicit PluginLoader(const int& masterVersion);
   // Unloads every plug-in still loaded, prints "All the plugins have been unloaded.", then
   // joins the pool thread without stopping it: call shutdown() first, or this never returns.
-  // An unload() of a handle the loader did not hold leaves an empty entry that also keeps
+  // Kept: an unload() of a handle the loader did not hold leaves an empty entry that also keeps
   // this destructor from finishing; shutdown() drops such entries.
   ~PluginLoader();
   PluginLoader(const PluginLoader&) = delete;

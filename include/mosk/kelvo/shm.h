@@ -15,7 +15,7 @@
 // connect to a new segment at the same moment may both initialise it: create topics during
 // set-up, from one process, before the others attach.
 //
-// Things that surprise first-time users (all intended, all kept):
+// Kept: things that surprise first-time users, all intended:
 //  - The data area starts 372 bytes into a page-aligned segment: it is aligned to 4 bytes only.
 //    Put only 4-byte-aligned types there, or copy 8-byte fields in and out with memcpy.
 //  - Topic names are at most 44 bytes: a longer one aborts the process (buffer-overflow check).
@@ -49,9 +49,13 @@
 //    segment for removal and deletes the key file without touching the condition (or by hand:
 //    `ipcrm -m <SHMID>` from `kelvo-topics`, then delete /tmp/topics/NAME/shmkey).
 //
-// shm_timedwait with a timeout of 0 or less: the deadline is one that has already passed, so
-// the wait times out at once (ETIMEDOUT, with its message) unless it is woken in the instant it
-// starts.
+// Results: each declaration below says what it returns and how it fails. In short: the connect
+// functions return a pointer and abort on failure; the others return 0 on success and -1 when
+// the segment is not usable (its magic is not 0x1234: removed, or never initialised);
+// shm_rdlock, shm_wrlock, shm_timedwait and shm_notify pass the pthread function's error number
+// on (shm_trylock returns -1 instead); shm_wrunlock and shm_rm_by_key have a -2 of their own. A
+// null `mem` or `topic` aborts everywhere ("Assertion error: mem is not NULL (src/shm:<line>)",
+// or topic_name).
 //
 // gettid(): the unit's kernel-thread-id helper, exported under the mangled name of a global
 // `gettid()` returning an unsigned 32-bit value. The C library (glibc 2.30 and later, with
@@ -82,25 +86,65 @@
 
 extern "C" {
 
+// Attaches the segment of `key` holding `size` data bytes, creating it (owner read-write) and
+// initialising it if it is missing. Returns the data pointer. Aborts (assertion) if shmget
+// fails or gives the identifier 0, or if the segment exists with another size.
 KELVO_EXPORT void* shm_connect_by_key(key_t key, size_t size);
+// shm_connect_by_key on the key of `topic` (its key file and directories created first), then
+// stores the name in the header. Returns the data pointer, or null if the segment is not usable
+// right after the connect (removed in between). Aborts on a null topic, on a name over 44 bytes
+// (with the C library's buffer-overflow report), on a key file that cannot be created, and on
+// the failures of shm_connect_by_key.
 KELVO_EXPORT void* shm_connect_by_topic(const char* topic, size_t size);
+// The number of attachments of `topic`'s segment, or 0 after "tlx_shm_nattch: shmctl failed:
+// <reason>" on standard error when there is no such segment (its key file is created anyway).
 KELVO_EXPORT uint64_t shm_nattch_by_topic(const char* topic);
+// Clears magic, destroys the locks and the condition (waiting for the waiters inside shm_wait or
+// shm_timedwait, see above) and marks the segment for removal; the key file stays (see above).
+// Returns 0, or -1 after "shm_rm_by_topic: shmctl failed: <reason>" on standard error when there is
+// no such segment.
 KELVO_EXPORT int shm_rm_by_topic(const char* topic);
+// Clears magic and marks the segment of `key` for removal. Returns 0; -2 while any process is
+// attached (nothing done); -1 after "shm_rm_by_topic: shmctl failed: <reason>" on standard error
+// when there is no such segment.
 KELVO_EXPORT int shm_rm_by_key(key_t key);
+// Detaches nothing. Returns -1.
 KELVO_EXPORT int shm_disconnect(void* mem);
 
+// Takes lock_mutex if it is free, which nothing ever releases (see above). Returns 0; -1 if it
+// is held (by anyone, the caller too) or the segment is not usable. Never waits.
 KELVO_EXPORT int shm_trylock(void* mem);
+// Takes the read-write lock for reading if no writer holds it. Returns 0; -1 if not usable;
+// otherwise pthread_rwlock_tryrdlock's error number (EBUSY: a writer holds it). Never waits.
 KELVO_EXPORT int shm_rdlock(void* mem);
+// Takes the read-write lock for writing if nobody holds it. Returns 0; -1 if not usable;
+// otherwise pthread_rwlock_trywrlock's error number (EBUSY: it is held). Never waits.
 KELVO_EXPORT int shm_wrlock(void* mem);
+// Releases the read-write lock, a read or a write hold, without checking who holds it. Returns
+// 0; -1 if not usable.
 KELVO_EXPORT int shm_unlock(void* mem);
+// Releases the read-write lock if owner_tid is the caller (the last thread that took any lock of
+// the segment). Returns 0; -2 if it is another thread (nothing released); -1 if not usable.
 KELVO_EXPORT int shm_wrunlock(void* mem);
+// Waits on the condition, without limit, until one wake-up (a spurious one too). Returns 0;
+// -1 if not usable (then it does not wait).
 KELVO_EXPORT int shm_wait(void* mem);
+// Waits on the condition for at most `timeout` microseconds; 0 or less times out at once (the
+// deadline has passed already) unless a notification comes in the instant it starts. Returns 0
+// when notified; -1 if not usable; when cond_mutex is busy, pthread_mutex_trylock's error number
+// (EBUSY) after "pthread_mutex_trylock: <number>" on standard output, without waiting;
+// ETIMEDOUT (or another error number) after "pthread_cond_timedwait: <number>" on standard
+// output.
 KELVO_EXPORT int shm_timedwait(void* mem, int timeout);
+// Wakes every waiter of the condition (none: nothing is stored). Returns 0; -1 if not usable;
+// pthread_mutex_trylock's error number (EBUSY) when cond_mutex is busy: the notification is
+// lost. Never waits.
 KELVO_EXPORT int shm_notify(void* mem);
 
 }  // extern "C"
 
-// Blocking exclusive lock on lock_mutex; there is no release (see above). A C++ symbol.
+// Takes lock_mutex, waiting without limit; nothing ever releases it (see above). Returns 0; -1 if
+// not usable. A C++ symbol.
 KELVO_EXPORT int shm_lock(void* mem);
 
 // The calling thread's kernel thread id, as the gettid system call returns it (cached per

@@ -58,7 +58,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>  // unused here since the threads got bounded stacks; kept for includers
+#include <thread>  // Kept: unused here since the threads got bounded stacks; includers use it
 
 #include "mosk/kelvo/export.h"
 #include "mosk/kelvo/socket_interface.h"
@@ -87,7 +87,7 @@ class KELVO_EXPORT SocketClient : public ITcpClient, public ITcpSocket {
   int stop(const bool& shut) override;
   void join() override;
   std::string getLastError() const override;
-  void setRecvPolicy(const TcpReceivePolicy& policy) override;  // stored, never consulted
+  void setRecvPolicy(const TcpReceivePolicy& policy) override;  // Kept: stored, never consulted
   TcpCallback* getTcpCallback() const override;
 
   // Additions. The receiving thread's stack for the next connect, rounded up to whole pages;

@@ -4,7 +4,8 @@
 //
 // The callback given to a factory is a prototype: every socket asks it for its own callback
 // object with newInstance(socket) and sends all its events there (keep the socket pointer to
-// reply with send). newInstance must never return null. Ownership differs on purpose:
+// reply with send). newInstance must never return null.
+// Kept: ownership differs between the kinds of socket:
 // - a server keeps its prototype for its whole life and deletes it in its destructor;
 // - a client calls newInstance in its constructor and deletes the prototype at once (do not use
 //   it afterwards); a client built with a null prototype has no callback at all;

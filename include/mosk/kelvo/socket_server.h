@@ -89,7 +89,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>  // unused here since the threads got bounded stacks; kept for includers
+#include <thread>  // Kept: unused here since the threads got bounded stacks; includers use it
 #include <vector>
 
 #include "mosk/kelvo/export.h"
@@ -116,19 +116,26 @@ class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
   SocketClientProxy(const SocketClientProxy&) = delete;
   SocketClientProxy& operator=(const SocketClientProxy&) = delete;
 
+  // The connection's descriptor; -1 once its receiving loop has closed it.
   int getFd() const override;
-  // -1 with the last error "send failed: Not connected" unless Connected; one send(2) otherwise.
+  // One send(2) of `length` bytes, no retry. Returns 0 for any count sent (a partial one too);
+  // -1 with the last error "send failed: Not connected" unless Connected, or "send failed:
+  // <strerror>" when send fails.
   int send(const char* data, const int& length) override;
+  // Idle until the receiving thread runs, Connected while it receives, then Disconnected (the
+  // peer closed or a receive failed) or Stopped (after stop()).
   TcpState getState() const override;
-  // Takes effect at the next receive.
+  // Takes effect at the next receive. A value outside the enumeration receives nothing.
   void setRecvPolicy(const TcpReceivePolicy& policy) override;
+  // The callback newInstance returned for this connection; deleted with it.
   TcpCallback* getTcpCallback() const override;
 
-  // Shuts the socket down if `shut`, then clears the running flag. Returns 0.
+  // Shuts the socket down if `shut`, then clears the running flag: the receiving loop ends at
+  // its next check. Returns 0.
   int stop(const bool& shut);
   // Calls the callback's onUpdate under the state lock.
   void onUpdate();
-  // The last send error (an addition: the interface has no getter).
+  // The last send error, or empty (an addition: the interface has no getter).
   std::string getLastError() const;
 
  private:
@@ -156,6 +163,7 @@ class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
 
 class KELVO_EXPORT SocketServer : public ITcpServer {
  public:
+  // Keeps `prototype` (deleted by the destructor) and does nothing else: bind() starts it.
   explicit SocketServer(TcpCallback* prototype);
   // Deletes the prototype, then stop(): waits for one more connection unless shutdown() ran.
   ~SocketServer() override;
@@ -163,17 +171,25 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   SocketServer& operator=(const SocketServer&) = delete;
 
   // Listens on `port` (host order) on all addresses, tied to device `name` ("any": all
-  // devices). 0, or -1 (the last error holds strerror of a failed bind or listen).
+  // devices), and starts the accepting thread. Returns 0; -1 if no socket could be made, or with
+  // the last error holding strerror of a failed bind or listen. Throws std::system_error if the
+  // accepting thread cannot start.
   int bind(const char* name, const int& port) override;
   // dump(), then onUpdate of every connected connection. Returns 0.
   int update() override;
   // Stops connected connections, drops the others from the list without deleting them, clears
   // the running flag and joins the accepting thread (which ends only at the next accept).
+  // Returns 0.
   int stop() override;
+  // Waits for the newest accepting thread to end (at its next accept once stopped); returns at
+  // once if there is none or it was joined already.
   void join() override;
-  // Deletes finished connections, printing two lines to standard error for each.
+  // Deletes finished (Disconnected or Stopped) connections, printing "[<size>] delete client
+  // <fd>" and "[<size>] erase client " to standard error for each.
   void dump() override;
+  // Idle until bound, Connected while accepting, Stopped once the accepting thread has ended.
   TcpState getState() const override;
+  // The connections in the list: connected ones and finished ones not yet reaped.
   size_t getAcceptSocketCount() const override;
 
   // Additions. shutdown() ends the server promptly: it stops every connection, clears the
@@ -199,7 +215,7 @@ class KELVO_EXPORT SocketServer : public ITcpServer {
   // arrives while `maximum` are listed is closed at once and counted. Takes effect at the next
   // accept; call update() to reap finished connections and make room.
   void setConnectionLimit(size_t maximum);
-  size_t getConnectionLimit() const;
+  size_t getConnectionLimit() const;  // 0 (no limit) until set
   // Connections closed at once on arrival since construction: past the connection limit, or
   // because their receiving thread could not start.
   uint64_t getRefusedConnectionCount() const;

@@ -203,7 +203,7 @@ class KELVO_EXPORT PeriodicThread {
   // check getCreationError() right after construction.
   PeriodicThread(unsigned int period, const char* name, ScheduleMethod method, int cpu,
                  int priority);
-  // Releases the tasks but neither stops nor joins the thread: call stop() and join() first.
+  // Kept: releases the tasks but neither stops nor joins the thread: call stop() and join() first.
   // A thread left running keeps waking every period, with no tasks, until the process ends
   // (it is detached, and its state stays alive as long as it runs).
   ~PeriodicThread();
@@ -323,9 +323,9 @@ class KELVO_EXPORT PeriodicThread {
   static bool detectPreemptRt();
 
   // Asks the kernel to keep CPU wake-up latency at zero by writing a zero to
-  // /dev/cpu_dma_latency. The request lasts only while that descriptor stays open, so the
-  // descriptor is deliberately left open (and never handed out) whenever the write went
-  // through: the function then returns -1 (the kernel reports the 4 written bytes, not 0).
+  // /dev/cpu_dma_latency. The request lasts only while that descriptor stays open.
+  // Kept: the descriptor is left open (and never handed out) whenever the write went through,
+  // and the function then returns -1 (the kernel reports the 4 written bytes, not 0).
   // Returns -1 if the device is missing or cannot be opened; 0 (descriptor closed) only if the
   // write reported 0 bytes.
   static int setLatencyTarget();

@@ -35,7 +35,7 @@
 // - Buffer::record() is lock-free and must be called only by the ring's owning thread (the
 //   thread whose threadBuffer it is). TimeTrace::record() does this for the calling thread.
 // - Printing may run on any thread, concurrently with recording. A printer raises every ring's
-//   readerCount while it reads; records that see it raised drop their event (on purpose: events
+//   readerCount while it reads; records that see it raised drop their event (Kept: events
 //   arriving during a print are lost). The ring's fields are atomics accessed with relaxed
 //   ordering, which compile to the same plain stores as ordinary fields on x86-64, so there is
 //   no data race. A record writes its slot first and then publishes it by advancing writeIndex
@@ -117,6 +117,8 @@ class KELVO_EXPORT TimeTrace {
     // plain stores: usable inside a real-time cycle.
     void record(uint64_t timestamp, const char* format, uint32_t arg0 = 0, uint32_t arg1 = 0,
                 uint32_t arg2 = 0, uint32_t arg3 = 0) {
+      // Kept: an event recorded while a printer reads this ring is lost, so that recording
+      // never waits for a print.
       if (readerCount.load(std::memory_order_acquire) > 0) return;
       const int32_t index = writeIndex.load(std::memory_order_relaxed) & kMask;
       Event& event = events[index];
