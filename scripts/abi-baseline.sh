@@ -63,18 +63,20 @@ describe() {
   fi
 }
 
+# Both modes describe the library in a scratch directory first, so that a failing abidw
+# leaves nothing behind and never a half-written baseline.
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+describe "$library" "$work/current.abi"
+
 if [ "$mode" = update ]; then
   mkdir -p "$(dirname "$baseline")"
-  describe "$library" "$baseline.new"
-  mv "$baseline.new" "$baseline"
+  cp "$work/current.abi" "$baseline"
   echo "wrote $baseline from $library"
   exit 0
 fi
 
 [ -f "$baseline" ] || { echo "$0: no baseline: $baseline" >&2; exit 1; }
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-describe "$library" "$work/current.abi"
 status=0
 abidiff --no-show-locs "$baseline" "$work/current.abi" >"$work/report" 2>&1 || status=$?
 if [ $((status & 1)) -ne 0 ] || [ $((status & 8)) -ne 0 ]; then
