@@ -929,18 +929,17 @@ TEST(PluginLoaderTest, GetContextIsTheContextEveryPluginGets) {
   void* provider = loader->load(pluginPath("provider"));
   ASSERT_NE(good, nullptr);
   ASSERT_NE(provider, nullptr);
-  for (const LifeEvent& e : events()) {
-    if (e.event == "start") {
-      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
-    }
-  }
   loader->unload(provider);
   loader->unload(good);
+  // Both plug-ins were started and stopped, and every call was given the loader's context.
+  int calls = 0;
   for (const LifeEvent& e : events()) {
-    if (e.event == "stop") {
-      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    if (e.event == "start" || e.event == "stop") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin << ":" << e.event;
+      ++calls;
     }
   }
+  EXPECT_EQ(calls, 4) << eventTrail();
 }
 
 TEST(PluginLoaderTest, HostLooksUpAServiceAPluginRegistered) {
