@@ -28,6 +28,7 @@
 
 #include "mosk/kelvo/thread.h"
 #include "plugin_test_support.h"
+#include "thread_test_support.h"
 
 // ---------------------------------------------------------------------------------------------
 // The hook the test plug-ins report their life cycle through
@@ -88,18 +89,9 @@ using test_support::openHandleOf;
 using test_support::pluginPath;
 using test_support::readFile;
 using test_support::ScratchFile;
+using test_support::waitFor;
 
 constexpr int kMaster = 2003000;
-
-template <typename Condition>
-bool waitFor(Condition condition, std::chrono::milliseconds timeout = 30s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 size_t openDescriptorCount() {
   size_t count = 0;
