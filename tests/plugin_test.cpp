@@ -120,6 +120,25 @@ struct LoaderUnderTest : test_support::ShutDownLoader {
   LoaderUnderTest() : ShutDownLoader(kMaster) { clearEvents(); }
 };
 
+// What load(path) returned, with everything it printed on standard output meanwhile.
+struct CapturedLoad {
+  void* handle;
+  std::string printed;
+};
+
+CapturedLoad loadCapturingStdout(LoaderUnderTest& loader, const std::string& path) {
+  testing::internal::CaptureStdout();
+  void* handle = nullptr;
+  try {
+    handle = loader->load(path);
+  } catch (...) {
+    testing::internal::GetCapturedStdout();  // ends the capture
+    throw;
+  }
+  std::fflush(stdout);
+  return {handle, testing::internal::GetCapturedStdout()};
+}
+
 struct ContextUnderTest {
   ~ContextUnderTest() { context.shutdown(); }
   PluginContext* operator->() { return &context; }
@@ -597,9 +616,9 @@ TEST(PluginLoaderTest, LibraryWithoutExportsGivesNullSilentlyAndStaysOpen) {
   const std::string path = pluginPath("no_exports");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(loader->dump(), "services: 0 \n \n");
   }
@@ -630,9 +649,9 @@ TEST(PluginLoaderTest, PlainRecordHiddenByTheBuildGivesNullSilently) {
   const std::string path = pluginPath("hidden_exports");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(eventTrail(), "");
   }
@@ -645,10 +664,9 @@ TEST(PluginLoaderTest, ApiVersionTwoIsRejectedWithItsMessage) {
   const std::string path = pluginPath("api2");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Api version 2 is invalid!\n");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "Api version 2 is invalid!\n");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(eventTrail(), "") << "nothing created";
   }
@@ -660,12 +678,10 @@ TEST(PluginLoaderTest, CompatibleTargetVersionsAreAccepted) {
   REQUIRE_POOL_THREAD();
   for (const char* name : {"target_2002009", "target_2003999", "good"}) {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    void* handle = loader->load(pluginPath(name));
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << name;
-    ASSERT_NE(handle, nullptr) << name;
-    loader->unload(handle);
+    const CapturedLoad load = loadCapturingStdout(loader, pluginPath(name));
+    EXPECT_EQ(load.printed, "") << name;
+    ASSERT_NE(load.handle, nullptr) << name;
+    loader->unload(load.handle);
     EXPECT_FALSE(isMapped(pluginPath(name))) << name;
   }
 }
@@ -677,12 +693,10 @@ TEST(PluginLoaderTest, IncompatibleTargetVersionsAreRejectedWithTheirMessage) {
   for (const auto& [name, shown] : cases) {
     {
       LoaderUnderTest loader;
-      testing::internal::CaptureStdout();
-      EXPECT_EQ(loader->load(pluginPath(name)), nullptr);
-      std::fflush(stdout);
-      EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                std::string("Master version 2.3.0 does not match ") + name + " with version " +
-                    shown + "!\n");
+      const CapturedLoad load = loadCapturingStdout(loader, pluginPath(name));
+      EXPECT_EQ(load.handle, nullptr);
+      EXPECT_EQ(load.printed, std::string("Master version 2.3.0 does not match ") + name +
+                                  " with version " + shown + "!\n");
       EXPECT_EQ(loader->error(), "");
       EXPECT_EQ(eventTrail(), "");
     }
