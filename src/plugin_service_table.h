@@ -37,11 +37,7 @@ class ServiceTable {
     const uint64_t hash = hashOf(name);
     if (slotOf(name, hash) != nullptr) return;
     if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));
-    size_t i = hash & mask();
-    while (slots_[i].state == kUsed) i = (i + 1) & mask();
-    if (slots_[i].state == kRemoved) --removed_;
-    slots_[i] = Slot{std::move(name), service, hash, kUsed};
-    ++used_;
+    place(std::move(name), service, hash);
   }
 
   void erase(std::string_view name) {
@@ -123,6 +119,16 @@ class ServiceTable {
 
   size_t mask() const { return slots_.size() - 1; }
 
+  // Puts a name that the table does not hold into the first slot of its probe that is not in
+  // use. The caller has made room.
+  void place(std::string&& name, void* service, uint64_t hash) {
+    size_t i = hash & mask();
+    while (slots_[i].state == kUsed) i = (i + 1) & mask();
+    if (slots_[i].state == kRemoved) --removed_;
+    slots_[i] = Slot{std::move(name), service, hash, kUsed};
+    ++used_;
+  }
+
   // A table of the next power of two of at least `minimum` slots, without removed slots.
   void rehash(size_t minimum) {
     size_t size = 16;
@@ -131,7 +137,7 @@ class ServiceTable {
     old.swap(slots_);
     used_ = removed_ = 0;
     for (Slot& slot : old) {
-      if (slot.state == kUsed) insert(std::move(slot.name), slot.service);
+      if (slot.state == kUsed) place(std::move(slot.name), slot.service, slot.hash);
     }
   }
 
