@@ -27,25 +27,21 @@ class ServiceTable {
  public:
   // The pointer registered under `name`, or null if the name is not registered.
   void** find(std::string_view name) {
-    Slot* slot = slotOf(name);
+    Slot* slot = slotOf(name, hashOf(name));
     return slot == nullptr ? nullptr : &slot->service;
   }
 
   // Inserts unless the name is there already.
   // Kept: the first registration wins, and a second one is dropped silently.
   void insert(std::string&& name, void* service) {
-    if (slotOf(name) != nullptr) return;
-    if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));
     const uint64_t hash = hashOf(name);
-    size_t i = hash & mask();
-    while (slots_[i].state == kUsed) i = (i + 1) & mask();
-    if (slots_[i].state == kRemoved) --removed_;
-    slots_[i] = Slot{std::move(name), service, hash, kUsed};
-    ++used_;
+    if (slotOf(name, hash) != nullptr) return;
+    if ((used_ + removed_ + 1) * 2 > slots_.size()) rehash(std::max<size_t>(16, used_ * 4));
+    place(std::move(name), service, hash);
   }
 
   void erase(std::string_view name) {
-    Slot* slot = slotOf(name);
+    Slot* slot = slotOf(name, hashOf(name));
     if (slot == nullptr) return;
     *slot = Slot{std::string(), nullptr, 0, kRemoved};  // keeps later probes going
     --used_;
@@ -70,11 +66,10 @@ class ServiceTable {
     State state;
   };
 
-  // Linear probing; at most half the slots are taken (used or removed), so a free slot ends
-  // every probe.
-  Slot* slotOf(std::string_view name) {
+  // Linear probing from the slot `hash` (hashOf(name)) picks; at most half the slots are taken
+  // (used or removed), so a free slot ends every probe.
+  Slot* slotOf(std::string_view name, uint64_t hash) {
     if (slots_.empty()) return nullptr;
-    const uint64_t hash = hashOf(name);
     for (size_t i = hash & mask();; i = (i + 1) & mask()) {
       Slot& slot = slots_[i];
       if (slot.state == kFree) return nullptr;
@@ -124,6 +119,16 @@ class ServiceTable {
 
   size_t mask() const { return slots_.size() - 1; }
 
+  // Puts a name that the table does not hold into the first slot of its probe that is not in
+  // use. The caller has made room.
+  void place(std::string&& name, void* service, uint64_t hash) {
+    size_t i = hash & mask();
+    while (slots_[i].state == kUsed) i = (i + 1) & mask();
+    if (slots_[i].state == kRemoved) --removed_;
+    slots_[i] = Slot{std::move(name), service, hash, kUsed};
+    ++used_;
+  }
+
   // A table of the next power of two of at least `minimum` slots, without removed slots.
   void rehash(size_t minimum) {
     size_t size = 16;
@@ -132,7 +137,7 @@ class ServiceTable {
     old.swap(slots_);
     used_ = removed_ = 0;
     for (Slot& slot : old) {
-      if (slot.state == kUsed) insert(std::move(slot.name), slot.service);
+      if (slot.state == kUsed) place(std::move(slot.name), slot.service, slot.hash);
     }
   }
 

@@ -121,6 +121,8 @@ TEST_F(PluginElfTest, PluginsBuiltWithKelvoAddPluginDefineOnlyTheirRecord) {
     EXPECT_EQ(defined, std::vector<std::string>{"exports"}) << name;
   }
   const Walk none = walk(readFile(pluginPath("no_exports")), SymbolTable::kDynamic);
+  ASSERT_EQ(none.result, WalkResult::kOk);
+  ASSERT_FALSE(none.symbols.empty()) << "its references to other objects are there";
   for (const Symbol& symbol : none.symbols) EXPECT_FALSE(symbol.defined) << symbol.name;
 }
 

@@ -28,6 +28,7 @@
 
 #include "mosk/kelvo/thread.h"
 #include "plugin_test_support.h"
+#include "thread_test_support.h"
 
 // ---------------------------------------------------------------------------------------------
 // The hook the test plug-ins report their life cycle through
@@ -88,18 +89,9 @@ using test_support::openHandleOf;
 using test_support::pluginPath;
 using test_support::readFile;
 using test_support::ScratchFile;
+using test_support::waitFor;
 
 constexpr int kMaster = 2003000;
-
-template <typename Condition>
-bool waitFor(Condition condition, std::chrono::milliseconds timeout = 30s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 size_t openDescriptorCount() {
   size_t count = 0;
@@ -127,6 +119,25 @@ PluginDetails* recordOf(const std::string& path) {
 struct LoaderUnderTest : test_support::ShutDownLoader {
   LoaderUnderTest() : ShutDownLoader(kMaster) { clearEvents(); }
 };
+
+// What load(path) returned, with everything it printed on standard output meanwhile.
+struct CapturedLoad {
+  void* handle;
+  std::string printed;
+};
+
+CapturedLoad loadCapturingStdout(LoaderUnderTest& loader, const std::string& path) {
+  testing::internal::CaptureStdout();
+  void* handle = nullptr;
+  try {
+    handle = loader->load(path);
+  } catch (...) {
+    testing::internal::GetCapturedStdout();  // ends the capture
+    throw;
+  }
+  std::fflush(stdout);
+  return {handle, testing::internal::GetCapturedStdout()};
+}
 
 struct ContextUnderTest {
   ~ContextUnderTest() { context.shutdown(); }
@@ -605,9 +616,9 @@ TEST(PluginLoaderTest, LibraryWithoutExportsGivesNullSilentlyAndStaysOpen) {
   const std::string path = pluginPath("no_exports");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(loader->dump(), "services: 0 \n \n");
   }
@@ -638,9 +649,9 @@ TEST(PluginLoaderTest, PlainRecordHiddenByTheBuildGivesNullSilently) {
   const std::string path = pluginPath("hidden_exports");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(eventTrail(), "");
   }
@@ -653,10 +664,9 @@ TEST(PluginLoaderTest, ApiVersionTwoIsRejectedWithItsMessage) {
   const std::string path = pluginPath("api2");
   {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(loader->load(path), nullptr);
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Api version 2 is invalid!\n");
+    const CapturedLoad load = loadCapturingStdout(loader, path);
+    EXPECT_EQ(load.handle, nullptr);
+    EXPECT_EQ(load.printed, "Api version 2 is invalid!\n");
     EXPECT_EQ(loader->error(), "");
     EXPECT_EQ(eventTrail(), "") << "nothing created";
   }
@@ -668,12 +678,10 @@ TEST(PluginLoaderTest, CompatibleTargetVersionsAreAccepted) {
   REQUIRE_POOL_THREAD();
   for (const char* name : {"target_2002009", "target_2003999", "good"}) {
     LoaderUnderTest loader;
-    testing::internal::CaptureStdout();
-    void* handle = loader->load(pluginPath(name));
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << name;
-    ASSERT_NE(handle, nullptr) << name;
-    loader->unload(handle);
+    const CapturedLoad load = loadCapturingStdout(loader, pluginPath(name));
+    EXPECT_EQ(load.printed, "") << name;
+    ASSERT_NE(load.handle, nullptr) << name;
+    loader->unload(load.handle);
     EXPECT_FALSE(isMapped(pluginPath(name))) << name;
   }
 }
@@ -685,12 +693,10 @@ TEST(PluginLoaderTest, IncompatibleTargetVersionsAreRejectedWithTheirMessage) {
   for (const auto& [name, shown] : cases) {
     {
       LoaderUnderTest loader;
-      testing::internal::CaptureStdout();
-      EXPECT_EQ(loader->load(pluginPath(name)), nullptr);
-      std::fflush(stdout);
-      EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                std::string("Master version 2.3.0 does not match ") + name + " with version " +
-                    shown + "!\n");
+      const CapturedLoad load = loadCapturingStdout(loader, pluginPath(name));
+      EXPECT_EQ(load.handle, nullptr);
+      EXPECT_EQ(load.printed, std::string("Master version 2.3.0 does not match ") + name +
+                                  " with version " + shown + "!\n");
       EXPECT_EQ(loader->error(), "");
       EXPECT_EQ(eventTrail(), "");
     }
@@ -929,18 +935,17 @@ TEST(PluginLoaderTest, GetContextIsTheContextEveryPluginGets) {
   void* provider = loader->load(pluginPath("provider"));
   ASSERT_NE(good, nullptr);
   ASSERT_NE(provider, nullptr);
-  for (const LifeEvent& e : events()) {
-    if (e.event == "start") {
-      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
-    }
-  }
   loader->unload(provider);
   loader->unload(good);
+  // Both plug-ins were started and stopped, and every call was given the loader's context.
+  int calls = 0;
   for (const LifeEvent& e : events()) {
-    if (e.event == "stop") {
-      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin;
+    if (e.event == "start" || e.event == "stop") {
+      EXPECT_EQ(e.context, &loader->getContext()) << e.plugin << ":" << e.event;
+      ++calls;
     }
   }
+  EXPECT_EQ(calls, 4) << eventTrail();
 }
 
 TEST(PluginLoaderTest, HostLooksUpAServiceAPluginRegistered) {
