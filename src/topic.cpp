@@ -353,11 +353,8 @@ int64_t TopicReader::newestAgeNs() const {
   for (int attempt = 0; attempt < kTopicReadAttempts; ++attempt) {
     const uint64_t head = header_->head.load(kAcquire);
     if (head == 0) return -1;
-    TopicSlot* source = slot(head);
-    if (source->version.load(kAcquire) != 2 * head) continue;
-    const int64_t stamp = source->publishTimeNs.load(kAcquire);
-    if (source->version.load(kRelaxed) != 2 * head) continue;
-    return monotonicNowNs() - stamp;
+    int64_t stamp;
+    if (completeSlotTime(*slot(head), head, &stamp)) return monotonicNowNs() - stamp;
   }
   return -1;
 }

@@ -89,9 +89,7 @@ bool slotTime(const TopicHeader* header, uint64_t sequence, int64_t* time) {
   const char* ring = reinterpret_cast<const char*>(header) + internal::kHeaderBytes;
   const auto* slot =
       reinterpret_cast<const TopicSlot*>(ring + (sequence % header->slotCount) * header->slotBytes);
-  if (slot->version.load(std::memory_order_acquire) != 2 * sequence) return false;
-  *time = slot->publishTimeNs.load(std::memory_order_acquire);
-  return slot->version.load(std::memory_order_relaxed) == 2 * sequence;
+  return internal::completeSlotTime(*slot, sequence, time);
 }
 
 void fillStatus(const TopicHeader* header, TopicStatus& status) {
