@@ -32,23 +32,20 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Waits (up to 30 s) until process $1 sleeps.
-await_sleeping() {
+# Runs the command "$@" every 10 ms until it succeeds (then returns 0), for up to 30 s.
+await() {
   for _ in $(seq 1 3000); do
-    grep -q '^State:.*S' "/proc/$1/status" 2>/dev/null && return 0
+    "$@" 2>/dev/null && return 0
     sleep 0.01
   done
   return 1
 }
 
+# Waits (up to 30 s) until process $1 sleeps.
+await_sleeping() { await grep -q '^State:.*S' "/proc/$1/status"; }
+
 # Waits (up to 30 s) until file $1 holds the line $2.
-await_line() {
-  for _ in $(seq 1 3000); do
-    grep -qx "$2" "$1" 2>/dev/null && return 0
-    sleep 0.01
-  done
-  return 1
-}
+await_line() { await grep -qx "$2" "$1"; }
 
 # A process attached to $topic until its standard input (a fifo) closes.
 mkfifo "$fifo"
@@ -128,10 +125,7 @@ start_and_kill_waiter() {
   "$helper" wait "$1" 64 >"$waiter_out" </dev/null &
   local pid=$!
   await_line "$waiter_out" ready || fail "waiter on $1 did not start"
-  for _ in $(seq 1 3000); do
-    grep -q '^State:.*S' "/proc/$pid/status" && break
-    sleep 0.01
-  done
+  await_sleeping "$pid" || fail "waiter on $1 did not sleep"
   kill -KILL "$pid"
   wait "$pid" 2>/dev/null
   key=$("$tool" | awk -v t="$1" '$1 == t { print $2 }')

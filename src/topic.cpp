@@ -89,8 +89,6 @@ void futexWait(std::atomic<uint32_t>* word, uint32_t expected, int64_t timeoutNs
   syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT, expected, &timeout, nullptr, 0);
 }
 
-std::string quoted(const std::string& topic) { return "topic '" + topic + "'"; }
-
 }  // namespace
 
 // --- endpoint ------------------------------------------------------------------------------
@@ -156,12 +154,12 @@ TopicWriter::TopicWriter(const std::string& topic, const TopicTypeInfo& type, ui
   const ClaimResult claim = claimOwnership(header_->owner);
   if (claim == ClaimResult::kHeld) {
     const int32_t pid = header_->owner.pid.load(kRelaxed);
-    fail(quoted(topic) + " already has a publisher (pid " + std::to_string(pid) +
+    fail(quotedTopic(topic) + " already has a publisher (pid " + std::to_string(pid) +
          (pid == getpid() ? ", this process)" : ")"));
     return;
   }
   if (claim == ClaimResult::kNoKeeper) {
-    fail(quoted(topic) + ": cannot start the thread that holds its ownership");
+    fail(quotedTopic(topic) + ": cannot start the thread that holds its ownership");
     return;
   }
   if (claim == ClaimResult::kTookOver) header_->takeovers.fetch_add(1, kRelaxed);
@@ -355,11 +353,8 @@ int64_t TopicReader::newestAgeNs() const {
   for (int attempt = 0; attempt < kTopicReadAttempts; ++attempt) {
     const uint64_t head = header_->head.load(kAcquire);
     if (head == 0) return -1;
-    TopicSlot* source = slot(head);
-    if (source->version.load(kAcquire) != 2 * head) continue;
-    const int64_t stamp = source->publishTimeNs.load(kAcquire);
-    if (source->version.load(kRelaxed) != 2 * head) continue;
-    return monotonicNowNs() - stamp;
+    int64_t stamp;
+    if (completeSlotTime(*slot(head), head, &stamp)) return monotonicNowNs() - stamp;
   }
   return -1;
 }

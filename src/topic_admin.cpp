@@ -17,10 +17,9 @@ namespace mosk {
 namespace kelvo {
 namespace {
 
+using internal::quotedTopic;
 using internal::TopicHeader;
 using internal::TopicSlot;
-
-std::string quoted(const std::string& topic) { return "topic '" + topic + "'"; }
 
 bool report(std::string* why, const std::string& text) {
   if (why != nullptr) *why = text;
@@ -52,22 +51,23 @@ bool findSegment(const std::string& topic, Found* found, std::string* why) {
   if (!problem.empty()) return report(why, problem);
   const std::string path = internal::keyFilePath(topic);
   if (access(path.c_str(), F_OK) != 0) {
-    return report(why, quoted(topic) + " does not exist (no key file " + path + ")");
+    return report(why, quotedTopic(topic) + " does not exist (no key file " + path + ")");
   }
   found->key = ftok(path.c_str(), 1);
   if (found->key == -1) {
-    return report(why, quoted(topic) + ": ftok(" + path + ") failed: " + std::strerror(errno));
+    return report(why, quotedTopic(topic) + ": ftok(" + path + ") failed: " + std::strerror(errno));
   }
   found->id = shmget(found->key, 0, 0);
   if (found->id == -1) {
     found->keyFileOnly = errno == ENOENT;
-    return report(why, found->keyFileOnly
-                           ? quoted(topic) + " has no segment (key file only)"
-                           : quoted(topic) + ": cannot open its segment: " + std::strerror(errno));
+    return report(why,
+                  found->keyFileOnly
+                      ? quotedTopic(topic) + " has no segment (key file only)"
+                      : quotedTopic(topic) + ": cannot open its segment: " + std::strerror(errno));
   }
   if (shmctl(found->id, IPC_STAT, &found->status) != 0) {
-    return report(why,
-                  quoted(topic) + ": cannot read its segment's status: " + std::strerror(errno));
+    return report(
+        why, quotedTopic(topic) + ": cannot read its segment's status: " + std::strerror(errno));
   }
   return true;
 }
@@ -89,9 +89,7 @@ bool slotTime(const TopicHeader* header, uint64_t sequence, int64_t* time) {
   const char* ring = reinterpret_cast<const char*>(header) + internal::kHeaderBytes;
   const auto* slot =
       reinterpret_cast<const TopicSlot*>(ring + (sequence % header->slotCount) * header->slotBytes);
-  if (slot->version.load(std::memory_order_acquire) != 2 * sequence) return false;
-  *time = slot->publishTimeNs.load(std::memory_order_acquire);
-  return slot->version.load(std::memory_order_relaxed) == 2 * sequence;
+  return internal::completeSlotTime(*slot, sequence, time);
 }
 
 void fillStatus(const TopicHeader* header, TopicStatus& status) {
@@ -138,17 +136,17 @@ int removeTopic(const std::string& topic, std::string* why) {
   }
   void* memory = shmat(found.id, nullptr, 0);
   if (memory == reinterpret_cast<void*>(-1)) {
-    report(why, quoted(topic) + ": cannot attach its segment: " + std::strerror(errno));
+    report(why, quotedTopic(topic) + ": cannot attach its segment: " + std::strerror(errno));
     return -1;
   }
   auto* header = static_cast<TopicHeader*>(memory);
   const Kind kind = kindOf(header, found.status.shm_segsz);
   if (kind == Kind::kPlain || kind == Kind::kUnknown) {
     shmdt(memory);
-    report(why, quoted(topic) + (kind == Kind::kPlain
-                                     ? " is a plain shared-memory topic: remove it with "
-                                       "kelvo-topics rm or shm_rm_by_topic"
-                                     : " holds a segment that is not a typed topic"));
+    report(why, quotedTopic(topic) + (kind == Kind::kPlain
+                                          ? " is a plain shared-memory topic: remove it with "
+                                            "kelvo-topics rm or shm_rm_by_topic"
+                                          : " holds a segment that is not a typed topic"));
     return -1;
   }
   if (kind == Kind::kTyped) {
@@ -161,7 +159,7 @@ int removeTopic(const std::string& topic, std::string* why) {
   const int error = errno;
   shmdt(memory);
   if (rc != 0) {
-    report(why, quoted(topic) + ": cannot remove its segment: " + std::strerror(error));
+    report(why, quotedTopic(topic) + ": cannot remove its segment: " + std::strerror(error));
     return -1;
   }
   removeKeyFile(topic);
@@ -173,13 +171,14 @@ bool topicStatus(const std::string& topic, TopicStatus& status, std::string* why
   if (!findSegment(topic, &found, why)) return false;
   void* memory = shmat(found.id, nullptr, SHM_RDONLY);
   if (memory == reinterpret_cast<void*>(-1)) {
-    return report(why, quoted(topic) + ": cannot attach its segment: " + std::strerror(errno));
+    return report(why, quotedTopic(topic) + ": cannot attach its segment: " + std::strerror(errno));
   }
   const auto* header = static_cast<const TopicHeader*>(memory);
   const Kind kind = kindOf(header, found.status.shm_segsz);
   if (kind != Kind::kTyped) {
     shmdt(memory);
-    return report(why, quoted(topic) + (kind == Kind::kPlain ? " is a plain shared-memory topic"
+    return report(why,
+                  quotedTopic(topic) + (kind == Kind::kPlain ? " is a plain shared-memory topic"
                                         : kind == Kind::kUninitialised
                                             ? " is being created (not initialised yet)"
                                             : " holds a segment that is not a typed topic"));

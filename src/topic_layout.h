@@ -109,6 +109,17 @@ constexpr uint64_t segmentBytesFor(uint32_t valueSize, uint32_t alignment, uint3
   return kHeaderBytes + slotBytesFor(valueSize, alignment) * (uint64_t{depth} + 1);
 }
 
+// The publish time of `sequence` if `slot` holds it complete both before and after the time is
+// read (the publisher may be rewriting the slot meanwhile). Lock-free: one acquire load each.
+inline bool completeSlotTime(const TopicSlot& slot, uint64_t sequence, int64_t* publishTimeNs) {
+  const uint64_t complete = 2 * sequence;
+  if (slot.version.load(std::memory_order_acquire) != complete) return false;
+  const int64_t stamp = slot.publishTimeNs.load(std::memory_order_acquire);
+  if (slot.version.load(std::memory_order_relaxed) != complete) return false;
+  *publishTimeNs = stamp;
+  return true;
+}
+
 }  // namespace internal
 }  // namespace kelvo
 }  // namespace mosk

@@ -35,8 +35,6 @@ constexpr const char* kKeyFile = "/shmkey";
 constexpr int64_t kCreatorPatienceNs = 3'000'000'000;
 constexpr int64_t kPollNs = 1'000'000;
 
-std::string quoted(const std::string& topic) { return "topic '" + topic + "'"; }
-
 std::string systemError(int error) { return std::strerror(error); }
 
 // --- key files -----------------------------------------------------------------------------
@@ -62,19 +60,19 @@ key_t keyOf(const std::string& topic, std::string* why) {
   int directoryError = 0;
   const std::string directory = createParentDirectories(path, &directoryError);
   if (!directory.empty()) {
-    *why = quoted(topic) + ": cannot create the directory " + directory + ": " +
+    *why = quotedTopic(topic) + ": cannot create the directory " + directory + ": " +
            systemError(directoryError);
     return -1;
   }
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) {
-    *why = quoted(topic) + ": cannot create the key file " + path + ": " + systemError(errno);
+    *why = quotedTopic(topic) + ": cannot create the key file " + path + ": " + systemError(errno);
     return -1;
   }
   close(fd);
   const key_t key = ftok(path.c_str(), 1);
-  if (key == -1) *why = quoted(topic) + ": ftok(" + path + ") failed: " + systemError(errno);
+  if (key == -1) *why = quotedTopic(topic) + ": ftok(" + path + ") failed: " + systemError(errno);
   return key;
 }
 
@@ -179,31 +177,31 @@ std::string describeType(const char* name, uint32_t version, uint32_t size, uint
 std::string mismatch(const TopicHeader* header, size_t segmentBytes, const std::string& topic,
                      const TopicTypeInfo& type, uint32_t depth) {
   if (header->layoutVersion != kLayoutVersion) {
-    return quoted(topic) + " has typed-topic layout " + std::to_string(header->layoutVersion) +
+    return quotedTopic(topic) + " has typed-topic layout " + std::to_string(header->layoutVersion) +
            "; this library reads layout " + std::to_string(kLayoutVersion);
   }
   const std::string storedTopic(header->topicName, strnlen(header->topicName, kTopicNameField));
   if (storedTopic != topic) {
-    return quoted(topic) + " shares its System V key with " + quoted(storedTopic) +
+    return quotedTopic(topic) + " shares its System V key with " + quotedTopic(storedTopic) +
            " (ftok collision): rename one of them";
   }
   if (!headerConsistent(header, segmentBytes)) {
-    return quoted(topic) + " has a damaged header: remove the topic";
+    return quotedTopic(topic) + " has a damaged header: remove the topic";
   }
   const std::string storedType(header->typeName, strnlen(header->typeName, kTypeNameField));
   if (storedType != type.name || header->typeVersion != type.version ||
       header->valueSize != type.size || header->valueAlignment != type.alignment) {
     const bool alignmentOnly = storedType == type.name && header->typeVersion == type.version &&
                                header->valueSize == type.size;
-    return quoted(topic) + " carries " +
+    return quotedTopic(topic) + " carries " +
            describeType(storedType.c_str(), header->typeVersion, header->valueSize,
                         header->valueAlignment, alignmentOnly) +
            ", not " +
            describeType(type.name, type.version, type.size, type.alignment, alignmentOnly);
   }
   if (header->depth != depth) {
-    return quoted(topic) + " keeps " + std::to_string(header->depth) + " samples (depth), not " +
-           std::to_string(depth);
+    return quotedTopic(topic) + " keeps " + std::to_string(header->depth) +
+           " samples (depth), not " + std::to_string(depth);
   }
   return {};
 }
@@ -215,6 +213,8 @@ uint64_t loadMagic(const TopicHeader* header, size_t segmentBytes) {
 }  // namespace
 
 // --- shared helpers --------------------------------------------------------------------------
+
+std::string quotedTopic(const std::string& topic) { return "topic '" + topic + "'"; }
 
 std::string keyFilePath(const std::string& topic) { return kRoot + topic + kKeyFile; }
 
@@ -236,19 +236,20 @@ void wakeAllWaiters(std::atomic<uint32_t>* word) {
 std::string checkTopicName(const std::string& topic) {
   if (topic.empty()) return "topic '': the name is empty";
   if (topic.size() > kTopicNameMax) {
-    return quoted(topic) + ": the name is longer than " + std::to_string(kTopicNameMax) + " bytes";
+    return quotedTopic(topic) + ": the name is longer than " + std::to_string(kTopicNameMax) +
+           " bytes";
   }
   for (unsigned char c : topic) {
-    if (c < 0x20 || c == 0x7f) return quoted(topic) + ": the name holds a control character";
+    if (c < 0x20 || c == 0x7f) return quotedTopic(topic) + ": the name holds a control character";
   }
   if (topic.front() == '/' || topic.back() == '/') {
-    return quoted(topic) + ": the name starts or ends with '/'";
+    return quotedTopic(topic) + ": the name starts or ends with '/'";
   }
   std::istringstream components(topic);
   std::string component;
   while (std::getline(components, component, '/')) {
     if (component.empty() || component == "." || component == "..") {
-      return quoted(topic) + ": the name has an empty, '.' or '..' component";
+      return quotedTopic(topic) + ": the name has an empty, '.' or '..' component";
     }
   }
   return {};
@@ -257,18 +258,19 @@ std::string checkTopicName(const std::string& topic) {
 std::string checkTypeAndDepth(const std::string& topic, const TopicTypeInfo& type, uint32_t depth) {
   const size_t nameLength = type.name == nullptr ? 0 : std::strlen(type.name);
   if (nameLength == 0 || nameLength > kTopicTypeNameMax) {
-    return quoted(topic) + ": the type name must be 1 to 63 bytes";
+    return quotedTopic(topic) + ": the type name must be 1 to 63 bytes";
   }
   if (type.size == 0 || type.size > kMaxValueSize) {
-    return quoted(topic) + ": samples of " + std::to_string(type.size) + " bytes (at most 64 MiB)";
+    return quotedTopic(topic) + ": samples of " + std::to_string(type.size) +
+           " bytes (at most 64 MiB)";
   }
   if (type.alignment == 0 || type.alignment > kMaxAlignment ||
       (type.alignment & (type.alignment - 1)) != 0) {
-    return quoted(topic) + ": samples aligned to " + std::to_string(type.alignment) +
+    return quotedTopic(topic) + ": samples aligned to " + std::to_string(type.alignment) +
            " bytes (at most 64)";
   }
   if (depth < 1 || depth > kMaxDepth) {
-    return quoted(topic) + ": depth " + std::to_string(depth) + " is not 1 to " +
+    return quotedTopic(topic) + ": depth " + std::to_string(depth) + " is not 1 to " +
            std::to_string(kMaxDepth);
   }
   return {};
@@ -294,7 +296,7 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
       if (header == nullptr) {
         const int error = errno;
         shmctl(id, IPC_RMID, nullptr);
-        *why = quoted(topic) + ": cannot attach its new segment: " + systemError(error);
+        *why = quotedTopic(topic) + ": cannot attach its new segment: " + systemError(error);
         return result;
       }
       initialise(header, topic, type, depth);
@@ -303,7 +305,7 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
       return result;
     }
     if (errno != EEXIST) {
-      *why = quoted(topic) + ": cannot create its segment (" + std::to_string(bytes) +
+      *why = quotedTopic(topic) + ": cannot create its segment (" + std::to_string(bytes) +
              " bytes): " + systemError(errno);
       return result;
     }
@@ -311,14 +313,14 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
     struct shmid_ds status;
     if (id < 0 || shmctl(id, IPC_STAT, &status) != 0) {
       if (errno == ENOENT || errno == EIDRM || errno == EINVAL) continue;  // removed meanwhile
-      *why = quoted(topic) + ": cannot open its segment: " + systemError(errno);
+      *why = quotedTopic(topic) + ": cannot open its segment: " + systemError(errno);
       return result;
     }
     const size_t segmentBytes = status.shm_segsz;
     TopicHeader* header = mappings.map(id, segmentBytes);
     if (header == nullptr) {
       if (errno == EIDRM || errno == EINVAL) continue;
-      *why = quoted(topic) + ": cannot attach its segment: " + systemError(errno);
+      *why = quotedTopic(topic) + ": cannot attach its segment: " + systemError(errno);
       return result;
     }
     uint64_t magic = loadMagic(header, segmentBytes);
@@ -341,13 +343,13 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
     }
     mappings.unmap(header);
     if (static_cast<uint32_t>(magic) == kPlainMagic) {
-      *why = quoted(topic) + " is a plain shared-memory topic (shm_*), not a typed one";
+      *why = quotedTopic(topic) + " is a plain shared-memory topic (shm_*), not a typed one";
       return result;
     }
     if (magic != 0) {
       char first[32];
       std::snprintf(first, sizeof first, "0x%016" PRIx64, magic);
-      *why = quoted(topic) + " holds a segment of an unknown kind (first word " + first + ")";
+      *why = quotedTopic(topic) + " holds a segment of an unknown kind (first word " + first + ")";
       return result;
     }
     if (stale) {
@@ -355,7 +357,7 @@ Attachment attachTopic(const std::string& topic, const TopicTypeInfo& type, uint
       continue;
     }
     if (monotonicNowNs() > giveUpAt) {
-      *why = quoted(topic) + ": its creator (pid " + std::to_string(status.shm_cpid) +
+      *why = quotedTopic(topic) + ": its creator (pid " + std::to_string(status.shm_cpid) +
              ") has not finished initialising it after 3 s";
       return result;
     }

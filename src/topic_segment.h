@@ -59,6 +59,9 @@ bool tokenAlive(uint64_t token);
 // made (its pid was reused).
 bool creatorGone(pid_t pid, time_t createdAt);
 
+// "topic '<topic>'": how every message about a topic names it.
+std::string quotedTopic(const std::string& topic);
+
 // "/tmp/topics/<topic>/shmkey".
 std::string keyFilePath(const std::string& topic);
 

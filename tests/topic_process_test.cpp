@@ -2,17 +2,20 @@
 // killed or exiting, zombies and reused pids, racing and dying creators, killed subscribers,
 // fork children and permissions. Peers are freshly exec'd helpers (kelvo_topic_helper) where a
 // clean process matters, forks elsewhere.
+#include <dirent.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -359,6 +362,67 @@ TEST_F(TopicProcessTest, AForkChildDoesNotOwnItsParentsTopics) {
   publisher->publish(patternOf<Pattern>(2));
   ASSERT_TRUE(subscriber.latest(out));
   EXPECT_EQ(out.sequence, 2u);
+}
+
+// The thread id of this process's thread named `name`, or 0.
+pid_t threadNamed(const std::string& name) {
+  DIR* tasks = opendir("/proc/self/task");
+  if (tasks == nullptr) return 0;
+  pid_t found = 0;
+  while (const dirent* entry = readdir(tasks)) {
+    std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+    std::string line;
+    if (std::getline(comm, line) && line == name) found = std::atoi(entry->d_name);
+  }
+  closedir(tasks);
+  return found;
+}
+
+// How a control process sets up: memory locked, the loop's thread SCHED_FIFO, and the
+// Publisher made on that thread. The keeper thread it starts must not inherit the real-time
+// policy, and publishing must work with every page locked.
+TEST_F(TopicProcessTest, APublisherMadeOnAFifoThreadUnderMlockallHasAnOrdinaryKeeper) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "mlockall would lock the sanitizer's reserved shadow memory";
+#endif
+  const std::string name = topic();
+  Subscriber<Pattern> subscriber(name);
+  ASSERT_TRUE(subscriber) << subscriber.error();
+  Child child;
+  child.fork([&name] {
+    if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0) return 77;
+    int result = 1;
+    std::thread([&] {
+      sched_param fifo{};
+      fifo.sched_priority = 10;
+      if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &fifo) != 0) {
+        result = 78;
+        return;
+      }
+      Publisher<Pattern> publisher(name);
+      const pid_t keeper = threadNamed("kelvo-owner");
+      if (!publisher) {
+        result = 2;
+      } else if (keeper <= 0) {
+        result = 3;
+      } else if (sched_getscheduler(keeper) != SCHED_OTHER) {
+        result = 4;
+      } else {
+        publisher.publish(patternOf<Pattern>(1));
+        result = 0;
+      }
+    }).join();
+    return result;
+  });
+  const int result = child.wait();
+  if (result == 77) GTEST_SKIP() << "mlockall is not permitted here";
+  if (result == 78) GTEST_SKIP() << "SCHED_FIFO is not permitted here";
+  ASSERT_EQ(result, 0) << "2: not connected, 3: no keeper thread, 4: the keeper is not SCHED_OTHER";
+  Sample<Pattern> out;
+  ASSERT_TRUE(subscriber.latest(out));
+  EXPECT_EQ(out.sequence, 1u);
+  EXPECT_EQ(sequenceOf(out.value), 1u);
+  EXPECT_FALSE(subscriber.publisherAlive());
 }
 
 TEST_F(TopicProcessTest, ATopicThisUserMayNotOpenIsAnError) {

@@ -29,8 +29,16 @@ logger=$!
 driver=$!
 "$bin/kelvo-topic-controller" --seconds 3 --prefix "$prefix" >"$out.controller" 2>&1 &
 controller=$!
-sleep 1.5
-"$tool" >"$out.listing"
+# The listing is taken once both topics are published by live loops and the controller has
+# subscribed (up to 30 s; at once if a program ends early, as it does without SCHED_FIFO).
+joints_line="^$prefix/joints +robot/JointState v1 +152 +64 +[0-9]+ alive +[0-9]+ "
+commands_line="^$prefix/commands +robot/JointCommand v1 +104 +16 +[0-9]+ alive +[0-9]+ .* 1$"
+for _ in $(seq 1 3000); do
+  "$tool" >"$out.listing"
+  grep -qE "$joints_line" "$out.listing" && grep -qE "$commands_line" "$out.listing" && break
+  kill -0 "$driver" 2>/dev/null && kill -0 "$controller" 2>/dev/null || break
+  sleep 0.01
+done
 wait "$driver"
 driver_status=$?
 wait "$controller"
@@ -56,10 +64,8 @@ grep -qE "^kelvo-topic-logger: took [0-9]{4} joint states in [0-9]+ wake-ups, lo
   "$out.logger" || fail "logger figures"
 grep -qE '"name":"topic publish seq [0-9]+ key [0-9a-f]{8}"' "$out.json" ||
   fail "the driver's trace has no publish events"
-grep -qE "^$prefix/joints +robot/JointState v1 +152 +64 +[0-9]+ alive +[0-9]+ " "$out.listing" ||
-  fail "kelvo-topics line of $prefix/joints"
-grep -qE "^$prefix/commands +robot/JointCommand v1 +104 +16 +[0-9]+ alive +[0-9]+ .* 1$" "$out.listing" ||
-  fail "kelvo-topics line of $prefix/commands"
+grep -qE "$joints_line" "$out.listing" || fail "kelvo-topics line of $prefix/joints"
+grep -qE "$commands_line" "$out.listing" || fail "kelvo-topics line of $prefix/commands"
 
 # Every option is checked, and a bad one is named.
 expect_refusal() {
