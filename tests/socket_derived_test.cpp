@@ -40,33 +40,24 @@ class ForeignCalls {
   mutable std::atomic<int> count_{0};
 };
 
-class ObservedConnection : public SocketClientProxy {
+// A socket class whose getters note every call made on a foreign thread.
+template <class Socket>
+class Observed : public Socket {
  public:
-  using SocketClientProxy::SocketClientProxy;
+  using Socket::Socket;
   int getFd() const override {
     calls.note();
-    return SocketClientProxy::getFd();
+    return Socket::getFd();
   }
   TcpState getState() const override {
     calls.note();
-    return SocketClientProxy::getState();
+    return Socket::getState();
   }
   ForeignCalls calls;
 };
 
-class ObservedClient : public SocketClient {
- public:
-  using SocketClient::SocketClient;
-  int getFd() const override {
-    calls.note();
-    return SocketClient::getFd();
-  }
-  TcpState getState() const override {
-    calls.note();
-    return SocketClient::getState();
-  }
-  ForeignCalls calls;
-};
+using ObservedConnection = Observed<SocketClientProxy>;
+using ObservedClient = Observed<SocketClient>;
 
 TEST(SocketDerivedTest, AConnectionReceivesWithoutCallingTheDerivedClassesOverrides) {
   Resources before;
