@@ -59,6 +59,20 @@ class Observed : public Socket {
 using ObservedConnection = Observed<SocketClientProxy>;
 using ObservedClient = Observed<SocketClient>;
 
+class ObservedServer : public SocketServer {
+ public:
+  using SocketServer::SocketServer;
+  size_t getAcceptSocketCount() const override {
+    calls.note();
+    return SocketServer::getAcceptSocketCount();
+  }
+  TcpState getState() const override {
+    calls.note();
+    return SocketServer::getState();
+  }
+  ForeignCalls calls;
+};
+
 TEST(SocketDerivedTest, AConnectionReceivesWithoutCallingTheDerivedClassesOverrides) {
   Resources before;
   int pair[2];
@@ -103,6 +117,24 @@ TEST(SocketDerivedTest, AClientReceivesWithoutCallingTheDerivedClassesOverrides)
     delete callback;
     close(peer);
   }
+  EXPECT_TRUE(resourcesBackTo(before));
+}
+
+TEST(SocketDerivedTest, AServerWithAConnectionLimitAcceptsWithoutCallingTheOverrides) {
+  Resources before;
+  auto record = std::make_shared<Record>();
+  auto* server = new ObservedServer(new RecordingCallback(record));
+  server->setConnectionLimit(1);
+  ASSERT_EQ(server->bind("any", 0), 0);
+  int first = kelvo_test::connectPlain(server->getPort());
+  ASSERT_TRUE(waitFor([&] { return record->count("connected") == 1; }));
+  int refused = kelvo_test::connectPlain(server->getPort());
+  ASSERT_TRUE(waitFor([&] { return server->getRefusedConnectionCount() == 1; }));
+  EXPECT_EQ(server->calls.count(), 0);
+  close(refused);
+  close(first);
+  EXPECT_EQ(server->shutdown(), 0);
+  delete server;
   EXPECT_TRUE(resourcesBackTo(before));
 }
 
