@@ -35,6 +35,7 @@
 #include <fstream>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -452,6 +453,24 @@ int echoedPeer(const sockaddr_in& address) {
   return peer;
 }
 
+// Waits until the server lists `count` connections. False, after saying why, when one was
+// refused (its thread could not start: a locked stack past RLIMIT_MEMLOCK, say) or 30 s passed.
+bool allListed(SocketServer* server, size_t count, const char* label) {
+  auto deadline = Clock::now() + std::chrono::seconds(30);
+  while (server->getAcceptSocketCount() < count) {
+    if (server->getRefusedConnectionCount() > 0 || Clock::now() > deadline) {
+      std::printf("  %s %zu of %zu connections listed, %llu refused: %s\n", label,
+                  server->getAcceptSocketCount(), count,
+                  static_cast<unsigned long long>(server->getRefusedConnectionCount()),
+                  server->getLastError().c_str());
+      std::fflush(stdout);
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
 // In a forked child: locks all memory, binds a server, accepts one connection and then
 // `connections` more (one echo each, all kept open), and prints what the first (with bind)
 // and each further connection added.
@@ -476,13 +495,19 @@ void lockedCost(const char* label, int connections, size_t stackBytes, bool allo
   server->setThreadStackSize(stackBytes);
   long lockedAtStart = statusField("VmLck:");
   long residentAtStart = statusField("VmRSS:");
-  server->bind("any", 0);
+  try {
+    server->bind("any", 0);
+  } catch (const std::system_error& error) {  // no locked stack for the accepting thread
+    std::printf("  %s bind: %s\n", label, error.what());
+    std::fflush(stdout);
+    _exit(1);
+  }
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(server->getPort()));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   std::vector<int> peers{echoedPeer(address)};
-  while (server->getAcceptSocketCount() < peers.size()) std::this_thread::yield();
+  if (!allListed(server, peers.size(), label)) _exit(1);
   long lockedFirst = statusField("VmLck:");
   long residentFirst = statusField("VmRSS:");
   std::vector<double> echoUs;  // connect, thread start, first echo
@@ -491,7 +516,7 @@ void lockedCost(const char* label, int connections, size_t stackBytes, bool allo
     peers.push_back(echoedPeer(address));
     echoUs.push_back(secondsSince(start) * 1e6);
   }
-  while (server->getAcceptSocketCount() < peers.size()) std::this_thread::yield();
+  if (!allListed(server, peers.size(), label)) _exit(1);
   double locked = static_cast<double>(statusField("VmLck:") - lockedFirst) / connections;
   double resident = static_cast<double>(statusField("VmRSS:") - residentFirst) / connections;
   for (int peer : peers) close(peer);

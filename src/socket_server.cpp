@@ -253,10 +253,12 @@ void SocketServer::acceptingLoop() {
 }
 
 // Only this thread appends to the list, so a count below the limit stays below it until the
-// append.
+// append. The count is this class's own (a qualified, non-virtual call): the accepting thread
+// never calls an override, which could run while a derived server's destructor rewrites the
+// object's virtual table pointer.
 bool SocketServer::atConnectionLimit() const {
   size_t limit = connectionLimit_.load(std::memory_order_relaxed);
-  return limit != 0 && getAcceptSocketCount() >= limit;
+  return limit != 0 && SocketServer::getAcceptSocketCount() >= limit;
 }
 
 void SocketServer::acceptConnection(int fd) {

@@ -40,30 +40,35 @@ class ForeignCalls {
   mutable std::atomic<int> count_{0};
 };
 
-class ObservedConnection : public SocketClientProxy {
+// A socket class whose getters note every call made on a foreign thread.
+template <class Socket>
+class Observed : public Socket {
  public:
-  using SocketClientProxy::SocketClientProxy;
+  using Socket::Socket;
   int getFd() const override {
     calls.note();
-    return SocketClientProxy::getFd();
+    return Socket::getFd();
   }
   TcpState getState() const override {
     calls.note();
-    return SocketClientProxy::getState();
+    return Socket::getState();
   }
   ForeignCalls calls;
 };
 
-class ObservedClient : public SocketClient {
+using ObservedConnection = Observed<SocketClientProxy>;
+using ObservedClient = Observed<SocketClient>;
+
+class ObservedServer : public SocketServer {
  public:
-  using SocketClient::SocketClient;
-  int getFd() const override {
+  using SocketServer::SocketServer;
+  size_t getAcceptSocketCount() const override {
     calls.note();
-    return SocketClient::getFd();
+    return SocketServer::getAcceptSocketCount();
   }
   TcpState getState() const override {
     calls.note();
-    return SocketClient::getState();
+    return SocketServer::getState();
   }
   ForeignCalls calls;
 };
@@ -112,6 +117,24 @@ TEST(SocketDerivedTest, AClientReceivesWithoutCallingTheDerivedClassesOverrides)
     delete callback;
     close(peer);
   }
+  EXPECT_TRUE(resourcesBackTo(before));
+}
+
+TEST(SocketDerivedTest, AServerWithAConnectionLimitAcceptsWithoutCallingTheOverrides) {
+  Resources before;
+  auto record = std::make_shared<Record>();
+  auto* server = new ObservedServer(new RecordingCallback(record));
+  server->setConnectionLimit(1);
+  ASSERT_EQ(server->bind("any", 0), 0);
+  int first = kelvo_test::connectPlain(server->getPort());
+  ASSERT_TRUE(waitFor([&] { return record->count("connected") == 1; }));
+  int refused = kelvo_test::connectPlain(server->getPort());
+  ASSERT_TRUE(waitFor([&] { return server->getRefusedConnectionCount() == 1; }));
+  EXPECT_EQ(server->calls.count(), 0);
+  close(refused);
+  close(first);
+  EXPECT_EQ(server->shutdown(), 0);
+  delete server;
   EXPECT_TRUE(resourcesBackTo(before));
 }
 

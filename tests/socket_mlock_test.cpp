@@ -260,11 +260,9 @@ class EchoCallback : public TcpCallback {
   std::string text_;
 };
 
-// A peer of connection number `index` (in accepting order) that has had one echo, which
-// takes the connection's thread through its receive path for the connection's policy.
-int echoedPeer(int port, int index, Counts& counts) {
-  int peer = connectPlain(port);
-  if (peer < 0 || !waitFor([&] { return counts.connected.load() > index; })) return -1;
+// One echo on the peer of connection number `index` (in accepting order), which takes the
+// connection's thread through its receive path for the connection's policy.
+bool echoes(int peer, int index) {
   std::string sent, expected;
   switch (index % 3) {
     case 0:  // LengthPrefixed: the frame comes back whole
@@ -277,7 +275,14 @@ int echoedPeer(int port, int index, Counts& counts) {
     default:  // Raw
       sent = expected = "ping";
   }
-  if (!writeAll(peer, sent) || readExactly(peer, expected.size()) != expected) {
+  return writeAll(peer, sent) && readExactly(peer, expected.size()) == expected;
+}
+
+// A peer of connection number `index` that has had one echo.
+int echoedPeer(int port, int index, Counts& counts) {
+  int peer = connectPlain(port);
+  if (peer < 0 || !waitFor([&] { return counts.connected.load() > index; })) return -1;
+  if (!echoes(peer, index)) {
     close(peer);
     return -1;
   }
@@ -287,8 +292,10 @@ int echoedPeer(int port, int index, Counts& counts) {
 constexpr int kConnections = 50;
 
 // Accepts kConnections (after `warmUp` connections, outside the measurement) and checks what
-// they locked.
-void acceptManyAndCheck(Report& report, bool allocating, int warmUp, const std::string& what) {
+// they locked. With `lockAfterWarmUp`, memory is locked only then, while the server runs, and
+// the warm-up connections must still echo afterwards.
+void acceptManyAndCheck(Report& report, bool allocating, int warmUp, const std::string& what,
+                        bool lockAfterWarmUp = false) {
   Counts counts;
   LockedMemory beforeBind;
   auto* server = new SocketServer(new EchoCallback(&counts, allocating));
@@ -300,6 +307,12 @@ void acceptManyAndCheck(Report& report, bool allocating, int warmUp, const std::
   int port = server->getPort();
   std::vector<int> peers;
   for (int i = 0; i < warmUp; ++i) peers.push_back(echoedPeer(port, i, counts));
+  if (lockAfterWarmUp && !lockAll(report)) {
+    for (int peer : peers) close(peer);
+    shutdownTcpServer(server);
+    delete server;
+    return;
+  }
   LockedMemory before = warmUp == 0 ? beforeBind : LockedMemory();
   for (int i = warmUp; i < warmUp + kConnections; ++i) {
     int peer = echoedPeer(port, i, counts);
@@ -311,6 +324,10 @@ void acceptManyAndCheck(Report& report, bool allocating, int warmUp, const std::
                "not every connection listed");
   LockedMemory after;
   checkGrowth(report, before, after, kConnections, what);
+  for (int i = 0; lockAfterWarmUp && i < warmUp; ++i) {
+    report.check(peers[i] >= 0 && echoes(peers[i], i),
+                 "connection " + std::to_string(i) + " no longer echoes after mlockall");
+  }
   for (int peer : peers) close(peer);
   shutdownTcpServer(server);
   delete server;
@@ -324,6 +341,15 @@ TEST(TcpUnderMlockallTest, EachServerConnectionLocksAtMost512KiBAndNoHeapArena) 
     // The first connection is left out: the accepting thread gets its heap arena there, once
     // per server, because newInstance allocates the callback on it.
     acceptManyAndCheck(report, /*allocating=*/false, /*warmUp=*/1, "50 server connections");
+  });
+}
+
+TEST(TcpUnderMlockallTest, LockingWhileTheServerRunsKeepsItsConnectionsAndBoundsNewOnes) {
+  runInChildAndCheck([](Report& report) {
+    // Three connections (one per policy) run unlocked, then everything is locked at once.
+    acceptManyAndCheck(report, /*allocating=*/false, /*warmUp=*/3,
+                       "50 server connections after mlockall in mid-run",
+                       /*lockAfterWarmUp=*/true);
   });
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -378,14 +379,21 @@ TEST_F(ServerTest, StopWaitsForOneMoreConnection) {
   // A stop before the thread first reaches accept would end it at once.
   ASSERT_TRUE(waitFor(aThreadIsInAccept));
   std::atomic<bool> stopped{false};
+  std::atomic<pid_t> stopperTid{0};
   std::thread stopper([&] {
+    stopperTid = static_cast<pid_t>(syscall(SYS_gettid));
     server_->stop();
     stopped = true;
   });
-  // Nothing wakes the accepting thread: stop is still waiting a while later.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // Nothing wakes the accepting thread: stop reaches its join and blocks there (a futex wait,
+  // x86-64 syscall 202) while the accepting thread is still in accept.
+  ASSERT_TRUE(waitFor([&] {
+    pid_t tid = stopperTid.load();
+    return stopped.load() || (tid != 0 && kelvo_test::threadIsInSyscall(tid, {202}));
+  }));
   EXPECT_FALSE(stopped.load()) << "accept woke: " << server_->getLastError() << ", "
                                << server_->getAcceptSocketCount() << " connection(s)";
+  EXPECT_TRUE(aThreadIsInAccept());
   int peer = connectPlain(port_);
   stopper.join();
   EXPECT_TRUE(stopped.load());

@@ -56,6 +56,23 @@ struct Resources {
   int tasks = countEntries("/proc/self/task");
 };
 
+// True while thread `task` (a name under /proc/self/task) is blocked in one of the system
+// calls `numbers`.
+inline bool taskIsInSyscall(const std::string& task, std::initializer_list<long> numbers) {
+  std::ifstream syscall("/proc/self/task/" + task + "/syscall");
+  long number = -1;
+  if (!(syscall >> number)) return false;
+  for (long wanted : numbers) {
+    if (number == wanted) return true;
+  }
+  return false;
+}
+
+// The same for the thread with kernel thread id `tid`.
+inline bool threadIsInSyscall(pid_t tid, std::initializer_list<long> numbers) {
+  return taskIsInSyscall(std::to_string(tid), numbers);
+}
+
 // True while some thread of this process is blocked in one of the system calls `numbers`.
 inline bool aThreadIsInSyscall(std::initializer_list<long> numbers) {
   DIR* tasks = opendir("/proc/self/task");
@@ -63,12 +80,7 @@ inline bool aThreadIsInSyscall(std::initializer_list<long> numbers) {
   bool found = false;
   while (dirent* entry = readdir(tasks)) {
     if (entry->d_name[0] == '.') continue;
-    std::ifstream syscall(std::string("/proc/self/task/") + entry->d_name + "/syscall");
-    long number = -1;
-    if (!(syscall >> number)) continue;
-    for (long wanted : numbers) {
-      if (number == wanted) found = true;
-    }
+    if (taskIsInSyscall(entry->d_name, numbers)) found = true;
   }
   closedir(tasks);
   return found;

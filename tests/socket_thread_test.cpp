@@ -39,16 +39,9 @@ SocketThread* startBody(Body* body, size_t stackBytes) {
   return SocketThread::start<Body, &Body::run>(body, stackBytes);
 }
 
-std::error_code joinError(std::thread& thread) {
-  try {
-    thread.join();
-  } catch (const std::system_error& error) {
-    return error.code();
-  }
-  return {};
-}
-
-std::error_code joinError(SocketThread& thread) {
+// What join() throws, for std::thread and SocketThread alike; empty when it returns.
+template <class Thread>
+std::error_code joinError(Thread& thread) {
   try {
     thread.join();
   } catch (const std::system_error& error) {
