@@ -120,7 +120,9 @@ class KELVO_EXPORT SocketClientProxy : public ITcpSocket {
   int getFd() const override;
   // One send(2) of `length` bytes, no retry. Returns 0 for any count sent (a partial one too);
   // -1 with the last error "send failed: Not connected" unless Connected, or "send failed:
-  // <strerror>" when send fails.
+  // <strerror>" when send fails. It asks the virtual getState() and getFd(), so a derived
+  // connection's overrides decide; getState() takes the state lock that is held around every
+  // callback (recursive: an echo sent from inside a callback does not wait for it).
   int send(const char* data, const int& length) override;
   // Idle until the receiving thread runs, Connected while it receives, then Disconnected (the
   // peer closed or a receive failed) or Stopped (after stop()).
