@@ -11,6 +11,7 @@
 
 #include "mosk/kelvo/thread.h"
 #include "periodic_thread_parts.h"
+#include "thread_test_support.h"
 
 namespace mosk::kelvo::internal {
 namespace {
@@ -136,6 +137,8 @@ TEST(TaskRegistrySnapshotTest, LoopAndCallersExchangeSnapshotsConcurrently) {
       registry.tasks.front()->deleteFlag = true;
     }
   }
+  // The loop may not have been scheduled yet on a busy machine.
+  EXPECT_TRUE(waitFor([&] { return largestSeen.load() > 0; }));  // then stop and join anyway
   stop = true;
   loop.join();
   registry.pickUpSnapshot();
