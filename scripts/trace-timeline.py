@@ -56,7 +56,10 @@ def load_track(path, thread):
         if not matching:
             fail(f"no track named '{thread}' in '{path}' (tracks: {', '.join(names.values())})")
         tid = matching[0]
-    return names[tid], [e for e in events if e.get("tid") == tid and e.get("ph") in "BEi"]
+    # A list of phases, not the string "BEi": an event without "ph" (None) or with "" or "BE" is
+    # no slice or instant of ours.
+    drawn = [e for e in events if e.get("tid") == tid and e.get("ph") in ("B", "E", "i")]
+    return names[tid], drawn
 
 
 def slices_of(events):

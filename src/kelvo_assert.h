@@ -35,38 +35,14 @@ namespace mosk {
 namespace kelvo {
 namespace internal {
 
-[[noreturn]] inline void assertFailed(int* failures, const char* expression, const char* path,
-                                      int line) {
+// Reports a failed check and aborts: "Assertion error: <expression><qualifier> (<path>:<line>)\n",
+// then, when `error` is given, "\n<errno>: <text>".
+[[noreturn]] inline void reportFailedCheck(int* failures, const char* expression,
+                                           const char* qualifier, const char* path, int line,
+                                           const int* error) {
   ++*failures;
-  std::fprintf(stderr, "Assertion error: %s (%s:%d)\n", expression, path, line);
-  std::fflush(stderr);
-  std::abort();
-}
-
-[[noreturn]] inline void assertNotNullFailed(int* failures, const char* expression,
-                                             const char* path, int line) {
-  ++*failures;
-  std::fprintf(stderr, "Assertion error: %s is not NULL (%s:%d)\n", expression, path, line);
-  std::fflush(stderr);
-  std::abort();
-}
-
-// The same two reports followed by "\n<errno>: <text>", for checks whose failure the system
-// explains through errno. `error` is errno as it was right after the failed call.
-[[noreturn]] inline void assertFailedWithErrno(int* failures, const char* expression,
-                                               const char* path, int line, int error) {
-  ++*failures;
-  std::fprintf(stderr, "Assertion error: %s (%s:%d)\n", expression, path, line);
-  std::fprintf(stderr, "\n%d: %s", error, std::strerror(error));
-  std::fflush(stderr);
-  std::abort();
-}
-
-[[noreturn]] inline void assertNotNullFailedWithErrno(int* failures, const char* expression,
-                                                      const char* path, int line, int error) {
-  ++*failures;
-  std::fprintf(stderr, "Assertion error: %s is not NULL (%s:%d)\n", expression, path, line);
-  std::fprintf(stderr, "\n%d: %s", error, std::strerror(error));
+  std::fprintf(stderr, "Assertion error: %s%s (%s:%d)\n", expression, qualifier, path, line);
+  if (error != nullptr) std::fprintf(stderr, "\n%d: %s", *error, std::strerror(*error));
   std::fflush(stderr);
   std::abort();
 }
@@ -76,40 +52,41 @@ namespace internal {
 }  // namespace mosk
 
 // Checks `condition`; on failure reports `expression_text` at `line` of the unit's path.
-#define KELVO_ASSERT(condition, expression_text, line)                                        \
-  do {                                                                                        \
-    if (!(condition)) {                                                                       \
-      ::mosk::kelvo::internal::assertFailed(&__assert_failures, expression_text, kAssertPath, \
-                                            line);                                            \
-    }                                                                                         \
+#define KELVO_ASSERT(condition, expression_text, line)                                    \
+  do {                                                                                    \
+    if (!(condition)) {                                                                   \
+      ::mosk::kelvo::internal::reportFailedCheck(&__assert_failures, expression_text, "", \
+                                                 kAssertPath, line, nullptr);             \
+    }                                                                                     \
   } while (0)
 
 // Checks that `pointer` is not null; on failure reports "<name> is not NULL".
-#define KELVO_ASSERT_NOT_NULL(pointer, name, line)                                               \
-  do {                                                                                           \
-    if ((pointer) == nullptr) {                                                                  \
-      ::mosk::kelvo::internal::assertNotNullFailed(&__assert_failures, name, kAssertPath, line); \
-    }                                                                                            \
+#define KELVO_ASSERT_NOT_NULL(pointer, name, line)                                         \
+  do {                                                                                     \
+    if ((pointer) == nullptr) {                                                            \
+      ::mosk::kelvo::internal::reportFailedCheck(&__assert_failures, name, " is not NULL", \
+                                                 kAssertPath, line, nullptr);              \
+    }                                                                                      \
   } while (0)
 
 // KELVO_ASSERT for a condition that a failing system call makes false: adds errno's report.
-#define KELVO_ASSERT_ERRNO(condition, expression_text, line)                                 \
-  do {                                                                                       \
-    if (!(condition)) {                                                                      \
-      const int kelvo_assert_errno = errno;                                                  \
-      ::mosk::kelvo::internal::assertFailedWithErrno(&__assert_failures, expression_text,    \
-                                                     kAssertPath, line, kelvo_assert_errno); \
-    }                                                                                        \
+#define KELVO_ASSERT_ERRNO(condition, expression_text, line)                              \
+  do {                                                                                    \
+    if (!(condition)) {                                                                   \
+      const int kelvo_assert_errno = errno;                                               \
+      ::mosk::kelvo::internal::reportFailedCheck(&__assert_failures, expression_text, "", \
+                                                 kAssertPath, line, &kelvo_assert_errno); \
+    }                                                                                     \
   } while (0)
 
 // KELVO_ASSERT_NOT_NULL for a pointer that a failing system call left null: adds errno's report.
-#define KELVO_ASSERT_NOT_NULL_ERRNO(pointer, name, line)                                           \
-  do {                                                                                             \
-    if ((pointer) == nullptr) {                                                                    \
-      const int kelvo_assert_errno = errno;                                                        \
-      ::mosk::kelvo::internal::assertNotNullFailedWithErrno(&__assert_failures, name, kAssertPath, \
-                                                            line, kelvo_assert_errno);             \
-    }                                                                                              \
+#define KELVO_ASSERT_NOT_NULL_ERRNO(pointer, name, line)                                   \
+  do {                                                                                     \
+    if ((pointer) == nullptr) {                                                            \
+      const int kelvo_assert_errno = errno;                                                \
+      ::mosk::kelvo::internal::reportFailedCheck(&__assert_failures, name, " is not NULL", \
+                                                 kAssertPath, line, &kelvo_assert_errno);  \
+    }                                                                                      \
   } while (0)
 
 #endif  // KELVO_SRC_KELVO_ASSERT_H_

@@ -315,8 +315,9 @@ void PeriodicThread::addTask(std::shared_ptr<RealTimeTask> task, bool runOnce) {
   auto wrapper = std::make_shared<RealTimeTaskWrapper>(task, mainCo, runOnce);
   if (d_->prepareOnAdd.load(kRelaxed)) d_->prepare(*wrapper);
   {
+    internal::TaskRegistry::Released released;  // freed after the lock is dropped
     std::lock_guard<std::mutex> lock(d_->registry.mutex);
-    d_->registry.maintainLocked();
+    d_->registry.maintainLocked(&released);
     if (d_->registry.insertLocked(wrapper)) d_->registry.publishLocked();
   }
   task->init(wrapper);
@@ -360,8 +361,9 @@ std::string PeriodicThread::getTaskNames() const {
 }
 
 int PeriodicThread::deleteTask(const std::string& name) {
+  internal::TaskRegistry::Released released;  // freed after the lock is dropped
   std::lock_guard<std::mutex> lock(d_->registry.mutex);
-  d_->registry.maintainLocked();
+  d_->registry.maintainLocked(&released);
   for (const WrapperPtr& wrapper : d_->registry.tasks) {
     if (wrapper->purged.load(kRelaxed) || wrapper->task->getName() != name) continue;
     wrapper->deleteFlag.store(true, kRelaxed);
@@ -371,14 +373,15 @@ int PeriodicThread::deleteTask(const std::string& name) {
 }
 
 void PeriodicThread::cleanTask() {
+  internal::TaskRegistry::Released dropped;
   std::vector<WrapperPtr> released;
   {
     std::lock_guard<std::mutex> lock(d_->registry.mutex);
-    d_->registry.collectRetiredLocked();
+    d_->registry.collectRetiredLocked(&dropped);
     released.swap(d_->registry.tasks);
     d_->registry.publishLocked();
   }
-  // `released` dies here, outside the lock: a wrapper's task may do anything in its destructor.
+  // Both die here, outside the lock: a wrapper's task may do anything in its destructor.
 }
 
 }  // namespace kelvo

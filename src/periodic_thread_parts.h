@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -33,13 +34,37 @@ inline void addRelaxed(std::atomic<uint64_t>& counter, uint64_t amount) {
 // The tasks of one periodic thread. Callers change the list under `mutex`; the loop never takes
 // it: it runs on an immutable snapshot that callers publish and the loop picks up without
 // locking or allocating. Snapshots the loop drops are handed back and freed by the next caller,
-// so task wrappers (and their share stacks) die on a caller's thread.
+// so task wrappers (and their share stacks) die on a caller's thread, and after that caller has
+// let go of `mutex` (see Released).
 class TaskRegistry {
  public:
   // An immutable copy of the list, handed to the loop thread.
   struct Snapshot {
     std::vector<WrapperPtr> tasks;
     Snapshot* nextRetired = nullptr;
+  };
+
+  // What a caller's maintenance took out of the registry, freed when this goes out of scope.
+  // Declared before the lock, it frees after the lock is dropped: a dying wrapper runs its task's
+  // destructor and may prune the timeline's task names (reading every trace ring), and neither
+  // belongs under `mutex`, which getExecuteTask() takes from inside a running task.
+  class Released {
+   public:
+    Released() = default;
+    ~Released() {
+      while (snapshots_ != nullptr) {
+        Snapshot* next = snapshots_->nextRetired;
+        delete snapshots_;
+        snapshots_ = next;
+      }
+    }
+    Released(const Released&) = delete;
+    Released& operator=(const Released&) = delete;
+
+   private:
+    friend class TaskRegistry;
+    Snapshot* snapshots_ = nullptr;
+    std::vector<WrapperPtr> wrappers_;
   };
 
   explicit TaskRegistry(ScheduleMethod method) : scheduleMethod_(method) {}
@@ -53,7 +78,8 @@ class TaskRegistry {
   // Drops every task and snapshot, once the loop has ended (the owner calls it to control when
   // task wrappers die).
   void releaseAll() {
-    collectRetiredLocked();
+    Released released;
+    collectRetiredLocked(&released);
     delete pending_.exchange(nullptr);
     loopSnapshot_->tasks.clear();
     tasks.clear();
@@ -93,22 +119,25 @@ class TaskRegistry {
 
   // --- caller side: `mutex` held ------------------------------------------------------------
 
-  // Frees snapshots the loop has dropped and forgets wrappers the loop has purged.
-  void maintainLocked() {
-    collectRetiredLocked();
-    const auto purged = std::remove_if(tasks.begin(), tasks.end(), [](const WrapperPtr& w) {
-      return w->purged.load(std::memory_order_relaxed);
+  // Hands snapshots the loop has dropped and wrappers the loop has purged to `released`.
+  void maintainLocked(Released* released) {
+    collectRetiredLocked(released);
+    const auto purged = std::stable_partition(tasks.begin(), tasks.end(), [](const WrapperPtr& w) {
+      return !w->purged.load(std::memory_order_relaxed);
     });
     if (purged == tasks.end()) return;
+    std::move(purged, tasks.end(), std::back_inserter(released->wrappers_));
     tasks.erase(purged, tasks.end());
     publishLocked();
   }
 
-  void collectRetiredLocked() {
+  // Hands the snapshots the loop has dropped to `released`.
+  void collectRetiredLocked(Released* released) {
     Snapshot* retired = retired_.exchange(nullptr, std::memory_order_acquire);
     while (retired != nullptr) {
       Snapshot* next = retired->nextRetired;
-      delete retired;
+      retired->nextRetired = released->snapshots_;
+      released->snapshots_ = retired;
       retired = next;
     }
   }

@@ -24,16 +24,10 @@ using internal::classify;
 using internal::Cursor;
 using internal::EventCopy;
 using internal::EventKind;
-using internal::isTaskRunEvent;
 using internal::mergeEvents;
 using internal::openCursor;
 using internal::ReadingGuard;
 using internal::RegistryHold;
-
-// The identifier of the task a task-run event belongs to (0 when it was recorded without one).
-uint64_t taskIdOf(const EventCopy& event) {
-  return isTaskRunEvent(event.format) ? TraceTaskNames::fromWords(event.arg2, event.arg3) : 0;
-}
 
 // Length of the valid UTF-8 sequence at `s` (at most `left` bytes), or 0 if it is not one.
 size_t utf8SequenceLength(const unsigned char* s, size_t left) {
@@ -129,8 +123,12 @@ class JsonTraceBuilder {
 
   void addEvent(JsonTrack* track, const EventCopy& event, double us, const char* text) {
     const uint32_t arg0 = event.arg0;
-    const uint64_t taskId = taskIdOf(event);
-    switch (classify(event.format)) {
+    const EventKind kind = classify(event.format);
+    // The task a run belongs to (0 when it was recorded without one).
+    const uint64_t taskId = kind == EventKind::kTaskStart || kind == EventKind::kTaskEnd
+                                ? TraceTaskNames::fromWords(event.arg2, event.arg3)
+                                : 0;
+    switch (kind) {
       case EventKind::kPassStart:
         closeTask(track);
         closePass(track);

@@ -11,6 +11,7 @@
 
 #include "mosk/kelvo/thread.h"
 #include "periodic_thread_parts.h"
+#include "thread_test_support.h"
 
 namespace mosk::kelvo::internal {
 namespace {
@@ -27,8 +28,9 @@ std::vector<std::string> namesOf(const std::vector<WrapperPtr>& tasks) {
 }
 
 void add(TaskRegistry& registry, const WrapperPtr& wrapper) {
+  TaskRegistry::Released released;
   std::lock_guard<std::mutex> lock(registry.mutex);
-  registry.maintainLocked();
+  registry.maintainLocked(&released);
   if (registry.insertLocked(wrapper)) registry.publishLocked();
 }
 
@@ -75,8 +77,12 @@ TEST(TaskRegistrySnapshotTest, DroppedSnapshotsAreFreedByTheNextCaller) {
   EXPECT_EQ(registry.loopTasks().size(), 0u);
   EXPECT_EQ(wrapper.use_count(), 2);
   {
-    std::lock_guard<std::mutex> lock(registry.mutex);
-    registry.collectRetiredLocked();
+    TaskRegistry::Released released;
+    {
+      std::lock_guard<std::mutex> lock(registry.mutex);
+      registry.collectRetiredLocked(&released);
+    }
+    EXPECT_EQ(wrapper.use_count(), 2);  // taken out, freed only with `released`
   }
   EXPECT_EQ(wrapper.use_count(), 1);
 }
@@ -90,11 +96,20 @@ TEST(TaskRegistrySnapshotTest, FlaggedTasksArePurgedByTheLoopAndForgottenByCalle
   registry.purgeFlaggedTasks();
   EXPECT_TRUE(registry.loopTasks()[0]->purged.load());
   EXPECT_FALSE(registry.loopTasks()[1]->purged.load());
+  std::weak_ptr<RealTimeTaskWrapper> purged = registry.loopTasks()[0];
   {
+    TaskRegistry::Released released;
+    {
+      std::lock_guard<std::mutex> lock(registry.mutex);
+      registry.maintainLocked(&released);
+      EXPECT_EQ(namesOf(registry.tasks), std::vector<std::string>{"b"});
+    }
+    registry.pickUpSnapshot();  // drops the last snapshot that held "a"
     std::lock_guard<std::mutex> lock(registry.mutex);
-    registry.maintainLocked();
-    EXPECT_EQ(namesOf(registry.tasks), std::vector<std::string>{"b"});
+    registry.collectRetiredLocked(&released);
+    EXPECT_FALSE(purged.expired());  // still held by `released`, so never freed under the lock
   }
+  EXPECT_TRUE(purged.expired());
   registry.pickUpSnapshot();
   EXPECT_EQ(namesOf(registry.loopTasks()), std::vector<std::string>{"b"});
 }
@@ -122,12 +137,15 @@ TEST(TaskRegistrySnapshotTest, LoopAndCallersExchangeSnapshotsConcurrently) {
       registry.tasks.front()->deleteFlag = true;
     }
   }
+  // The loop may not have been scheduled yet on a busy machine.
+  EXPECT_TRUE(waitFor([&] { return largestSeen.load() > 0; }));  // then stop and join anyway
   stop = true;
   loop.join();
   registry.pickUpSnapshot();
   registry.purgeFlaggedTasks();
+  TaskRegistry::Released released;
   std::lock_guard<std::mutex> lock(registry.mutex);
-  registry.maintainLocked();
+  registry.maintainLocked(&released);
   EXPECT_GE(registry.tasks.size(), 1000u);
   EXPECT_GT(largestSeen.load(), 0u);
 }

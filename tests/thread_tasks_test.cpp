@@ -166,6 +166,39 @@ TEST(TaskRegistryTest, DeleteFlagsTheFirstMatchAndTheLoopPurgesIt) {
   EXPECT_EQ(t->getTaskNames(), "Task names: \nTask 0: twin\n");
 }
 
+// A task that asks its thread for the task count while it is destroyed.
+class AsksItsThreadWhenDestroyed : public CountingTask {
+ public:
+  AsksItsThreadWhenDestroyed(PeriodicThread* thread, std::atomic<int>* seen)
+      : CountingTask("asks", 0), thread_(thread), seen_(seen) {}
+  ~AsksItsThreadWhenDestroyed() override { seen_->store(static_cast<int>(thread_->tasksSize())); }
+
+ private:
+  PeriodicThread* thread_;
+  std::atomic<int>* seen_;
+};
+
+// A deleted task is freed by a later call on its thread, after that call has let go of the
+// thread's task list: its destructor may call the thread (and never runs while the list is
+// locked against a task's getExecuteTask()).
+TEST(TaskRegistryTest, ADeletedTasksDestructorMayCallItsThread) {
+  REQUIRE_SCHED_FIFO();
+  std::atomic<int> seen{-1};
+  ThreadUnderTest t;
+  {
+    auto task = std::make_shared<AsksItsThreadWhenDestroyed>(&t.thread, &seen);
+    t->addTask(task, false);
+    t->start(0);
+    ASSERT_TRUE(waitFor([&] { return task->runs.load() >= 1; }));
+    EXPECT_EQ(t->deleteTask("asks"), 1);
+  }
+  ASSERT_TRUE(waitFor([&] {
+    t->deleteTask("nobody");  // frees what the loop has let go of
+    return seen.load() >= 0;
+  }));
+  EXPECT_EQ(seen.load(), 0);
+}
+
 TEST(TaskRegistryTest, FunctionOverloadsReturnTheCreatedTask) {
   REQUIRE_SCHED_FIFO();
   const std::function<void()> body = [] {};
